@@ -11,7 +11,6 @@ GnxLink::~GnxLink() = default;
 
 void GnxLink::slotReplyReceived(QStringList, bool) {}
 void GnxLink::slotBinaryRfpDataReceived(QByteArray, bool) {}
-void GnxLink::slotRxReceived(GnxLink::GnxMessageType_t, QStringList) {}
 void GnxLink::slotErrorOccured(QString) {}
 void GnxLink::slotTimeout() {}
 
