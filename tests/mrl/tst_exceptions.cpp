@@ -1,4 +1,4 @@
-#include "RecordingDialogs.h"
+#include "common/RecordingDialogs.h"
 #include "mrl/ui/LogHub.h"
 #include "mrl/ui/MainWindow.h"
 #include "mrl/utils/Exception.h"
