@@ -1,0 +1,992 @@
+#include "sim/Device.h"
+
+#include "sim/Firmware.h"
+#include "sim/Frame.h"
+
+#include <QJsonArray>
+#include <QtMath>
+
+namespace gnxsim {
+
+namespace {
+
+constexpr int maxLineBytes = 4096;
+constexpr int rfpBlockBytes = 128;
+constexpr int rfpTextBlockBytes = 64;
+constexpr qint64 maxRfpLength = 1 << 20;
+constexpr qint64 gnx134SlotCapacity = 64 * 1024;
+constexpr qint64 gnx234Capacity = 2 * 1024 * 1024;
+
+// Band edges in kHz, B1 to B9.
+constexpr int bandLowKHz[9] = {401610, 401530, 401460, 401390, 401310, 401110, 401010, 399970, 399900};
+
+bool intIn(const QString& text, qint64 lo, qint64 hi, qint64* out = nullptr)
+{
+    bool ok = false;
+    const qint64 v = text.trimmed().toLongLong(&ok);
+    if (!ok || v < lo || v > hi)
+        return false;
+    if (out)
+        *out = v;
+    return true;
+}
+
+QString norm(const QString& text)
+{
+    return QString::number(text.trimmed().toLongLong());
+}
+
+bool allEmpty(const QStringList& list, int from = 0)
+{
+    for (int i = from; i < list.size(); ++i)
+        if (!list[i].isEmpty())
+            return false;
+    return true;
+}
+
+bool isHexId(const QString& id)
+{
+    if (id.size() != 5 && id.size() != 7)
+        return false;
+    for (QChar c : id)
+        if (!c.isDigit() && !(c.toUpper() >= QLatin1Char('A') && c.toUpper() <= QLatin1Char('F')))
+            return false;
+    return true;
+}
+
+// Index of the first field of the encipherment tail in an IP parameter list.
+int tailStart(Model m)
+{
+    return m == Model::Gnx134 ? 30 : 33;
+}
+
+int ipCount(Model m)
+{
+    return m == Model::Gnx134 ? 36 : 39;
+}
+
+} // namespace
+
+Device::Device(const Options& options) : m_model(options.model), m_mode(options.mode), m_rng(options.seed)
+{
+    m_clockBase = options.startTime.isValid() ? options.startTime.toUTC() : QDateTime::currentDateTimeUtc();
+    m_clockBase.setTime(
+        QTime(m_clockBase.time().hour(), m_clockBase.time().minute(), m_clockBase.time().second()));
+
+    const quint32 s = options.seed;
+    m_serial1 = QString::number(10 + (s * 7919u) % 90);
+    m_serial2 = QString::number(100 + (s * 104729u) % 900);
+    m_hwRevision = QStringLiteral("B");
+    if (m_model == Model::Gnx134) {
+        m_blVersion = QStringLiteral("1.02");
+        m_appVersion = QStringLiteral("1.8.3");
+        m_fpgaVersion = QStringLiteral("2.0");
+    } else {
+        m_blVersion = QStringLiteral("2.11");
+        m_appVersion = QStringLiteral("3.4.0");
+        m_fpgaVersion = QStringLiteral("5.2");
+    }
+    m_sw = {"1", "1", "20", "1", "0", "0", "0"};
+    m_hw = {"0", "0", "5", "0", "2", "1.5"};
+    if (m_model == Model::Gnx234) {
+        m_sw << "0"
+             << "0";
+        m_hw << "0";
+    }
+    m_slots.resize(slotCount());
+    m_flash.resize(m_model == Model::Gnx134 ? slotCount() : 1);
+
+    // The receiver stands somewhere in south-west Europe, facing any way.
+    m_lat = (43.0 + m_rng.bounded(300) / 100.0) * 60000.0;
+    m_lon = (-1.0 + m_rng.bounded(400) / 100.0) * 60000.0;
+    m_heading = m_rng.bounded(360);
+    for (int i = 0; i < 8; ++i) {
+        const bool long28 = i % 3 == 2;
+        const quint32 id =
+            long28 ? 0x1000000u + m_rng.bounded(0xEFFFFFFu) : 0x10000u + m_rng.bounded(0xEFFFFu);
+        m_foreignIds << QString::number(id, 16).toUpper().rightJustified(long28 ? 7 : 5, QLatin1Char('0'));
+    }
+
+    seedPlatforms(qBound(0, options.platforms, slotCount()));
+    seedFlash(qMax(0, options.flashRecords));
+    setLiveIntervalMs(options.liveIntervalMs);
+    m_revision = 0;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Transport side
+
+void Device::receive(const QByteArray& bytes)
+{
+    m_inBuffer += bytes;
+    for (;;) {
+        int end = -1;
+        for (int i = 0; i < m_inBuffer.size(); ++i) {
+            if (m_inBuffer[i] == '\r' || m_inBuffer[i] == '\n') {
+                end = i;
+                break;
+            }
+        }
+        if (end < 0)
+            break;
+        const QByteArray line = m_inBuffer.left(end);
+        m_inBuffer.remove(0, end + 1);
+        if (!line.isEmpty())
+            handleLine(line);
+    }
+    if (m_inBuffer.size() > maxLineBytes)
+        m_inBuffer.clear();
+}
+
+QList<Device::OutUnit> Device::takeOutput()
+{
+    QList<OutUnit> out;
+    out.swap(m_out);
+    return out;
+}
+
+void Device::advance(qint64 ms)
+{
+    if (ms <= 0)
+        return;
+    const qint64 target = m_nowMs + ms;
+    while (m_liveIntervalMs > 0 && m_nextLiveAtMs >= 0 && m_nextLiveAtMs <= target) {
+        m_nowMs = m_nextLiveAtMs;
+        m_nextLiveAtMs += m_liveIntervalMs;
+        liveTick();
+    }
+    m_nowMs = target;
+}
+
+qint64 Device::msUntilNextEvent() const
+{
+    if (m_liveIntervalMs <= 0 || m_nextLiveAtMs < 0)
+        return -1;
+    return qMax<qint64>(0, m_nextLiveAtMs - m_nowMs);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Control
+
+void Device::setLiveIntervalMs(int ms)
+{
+    m_liveIntervalMs = qMax(0, ms);
+    m_nextLiveAtMs = m_liveIntervalMs > 0 ? m_nowMs + m_liveIntervalMs : -1;
+}
+
+void Device::setMode(Mode mode)
+{
+    m_mode = mode;
+    m_upload = {};
+    changed();
+}
+
+void Device::overrideNextReply(const QString& mnemonic, const QStringList& params,
+                               const QString& replyMnemonic)
+{
+    m_overrides.insert(mnemonic.toUpper(), {replyMnemonic.isEmpty() ? mnemonic : replyMnemonic, params});
+}
+
+void Device::sendRawLine(const QString& payload, bool correctChecksum)
+{
+    const QByteArray p = payload.toLatin1();
+    QByteArray line = Frame::frame(p);
+    if (!correctChecksum)
+        line = '$' + p + '*' + Frame::hex2(quint8(Frame::checksum(p) ^ 0x5A)) + "\r\n";
+    emitUnsolicited(line);
+}
+
+void Device::sendRawBytes(const QByteArray& bytes)
+{
+    emitUnsolicited(bytes, false);
+}
+
+void Device::setClock(const QDateTime& utc)
+{
+    m_clockBase = utc.toUTC();
+    m_clockSetAtMs = m_nowMs;
+    changed();
+}
+
+QDateTime Device::clock() const
+{
+    return m_clockBase.addMSecs(m_nowMs - m_clockSetAtMs);
+}
+
+bool Device::emitNpr(int platformIndex, bool favourite)
+{
+    if (m_mode != Mode::App || m_stalled)
+        return false;
+    QList<int> used;
+    for (int i = 0; i < m_slots.size(); ++i)
+        if (!m_slots[i].isEmpty())
+            used << i;
+    int slot = -1;
+    if (platformIndex >= 0) {
+        if (platformIndex >= m_slots.size() || m_slots[platformIndex].isEmpty())
+            return false;
+        slot = platformIndex;
+    } else if (favourite) {
+        if (used.isEmpty())
+            return false;
+        slot = used[int(m_rng.bounded(quint32(used.size())))];
+    }
+    RxReport report = makeReport(slot, favourite, int(m_rng.bounded(quint32(m_foreignIds.size()))), clock());
+    const QByteArray payload = report.nprPayload(m_model);
+    const bool quirk = m_quirk && m_model == Model::Gnx134 && !favourite;
+    emitUnsolicited(quirk ? Frame::frameGnx134Quirk(payload) : Frame::frame(payload));
+    store(report);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Snapshots
+
+QStringList Device::softwareSetup() const
+{
+    const QDateTime now = clock();
+    QStringList out = m_sw.mid(0, 7);
+    out << QString::number(now.date().year() - 2000) << QString::number(now.date().month())
+        << QString::number(now.date().day()) << QString::number(now.time().hour())
+        << QString::number(now.time().minute());
+    out << m_sw.mid(7);
+    return out;
+}
+
+QStringList Device::platformSlot(int index) const
+{
+    if (index < 0 || index >= m_slots.size())
+        return {};
+    return m_slots[index];
+}
+
+QByteArray Device::flashBytes() const
+{
+    QByteArray out;
+    for (const auto& list : m_flash)
+        for (const auto& r : list)
+            out += r.bytes;
+    return out;
+}
+
+QByteArray Device::platformFlashBytes(int index) const
+{
+    QByteArray out;
+    if (m_model != Model::Gnx134 || index < 0 || index >= m_flash.size())
+        return out;
+    for (const auto& r : m_flash[index])
+        out += r.bytes;
+    return out;
+}
+
+int Device::flashRecordCount() const
+{
+    int n = 0;
+    for (const auto& list : m_flash)
+        n += list.size();
+    return n;
+}
+
+qint64 Device::flashCapacity() const
+{
+    return m_model == Model::Gnx134 ? gnx134SlotCapacity * slotCount() : gnx234Capacity;
+}
+
+qint64 Device::usedFlash(int list) const
+{
+    qint64 n = 0;
+    for (const auto& r : m_flash[list])
+        n += r.bytes.size();
+    return n;
+}
+
+QByteArray Device::readFlash(qint64 start, qint64 length) const
+{
+    const qint64 capacity = flashCapacity();
+    if (start < 0 || length <= 0 || start >= capacity)
+        return {};
+    const qint64 end = qMin(capacity, start + length);
+    const QByteArray records = flashBytes();
+    QByteArray out = records.mid(int(qMin<qint64>(start, records.size())), int(end - start));
+    out.append(QByteArray(int(end - start - out.size()), char(0xFF)));
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Commands
+
+void Device::emitUnsolicited(const QByteArray& bytes, bool text)
+{
+    m_out.append({bytes, 0, text});
+}
+
+void Device::reply(const QString& mnemonic, const QStringList& params)
+{
+    m_out.append({Frame::frame(Frame::payloadOf(mnemonic, params)), ++m_answerSeq, true});
+}
+
+void Device::ack(bool accepted)
+{
+    reply(QStringLiteral("ACK"), {accepted ? QStringLiteral("1") : QStringLiteral("0")});
+}
+
+void Device::handleLine(const QByteArray& line)
+{
+    const Frame::Parsed parsed = Frame::parseLine(line);
+    m_received << QString::fromLatin1(parsed.payload);
+    if (m_received.size() > 100000)
+        m_received.removeFirst();
+    if (m_stalled)
+        return;
+    if (!parsed.framed || !parsed.checksumOk) {
+        ack(false);
+        return;
+    }
+    const QString mnemonic = parsed.mnemonic;
+    const auto it = m_overrides.find(mnemonic.toUpper());
+    if (it != m_overrides.end()) {
+        const Override o = it.value();
+        m_overrides.erase(it);
+        reply(o.replyMnemonic, o.params);
+        return;
+    }
+    dispatch(mnemonic, parsed.params);
+}
+
+void Device::dispatch(const QString& m, const QStringList& p)
+{
+    const bool v1 = m_model == Model::Gnx134;
+    const bool app = m_mode == Mode::App;
+    const int n = int(p.size());
+    static const QStringList uploadCommands{"ATBL", "ERRF", "WRDA", "WRSC", "REBO"};
+
+    if (m == QLatin1String("TEST") && n == 0)
+        return cmdTest();
+    if (uploadCommands.contains(m))
+        return cmdUpload(m, p);
+    if (!app) { // the bootloader knows nothing else
+        ack(false);
+        return;
+    }
+    if (m == QLatin1String("SETUPSW") && n == (v1 ? 12 : 14))
+        return cmdSetupSw(p);
+    if (m == QLatin1String("SETUPHW") && n == (v1 ? 6 : 7))
+        return cmdSetupHw(p);
+    if (m == QLatin1String("IP") && n == ipCount(m_model))
+        return cmdIp(p);
+    if (m == QLatin1String("IFP") && n == 0)
+        return cmdIfp();
+    if (m == QLatin1String("RFP") && n == (v1 ? 1 : 2))
+        return cmdRfp(p);
+    if (m == QLatin1String("DFP") && n <= 1)
+        return cmdDfp(p);
+    if (m == QLatin1String("LIG") && n == 0)
+        return cmdLig();
+    if (m == QLatin1String("GSN") && n == 0)
+        return cmdGsn();
+    if (m == QLatin1String("SUA") && n == 0) {
+        reply(m, {QStringLiteral("1")});
+        m_mode = Mode::Bl;
+        m_upload = {};
+        changed();
+        return;
+    }
+    ack(false);
+}
+
+void Device::cmdTest()
+{
+    const QString modeText = m_mode == Mode::App ? QStringLiteral("APP") : QStringLiteral("BL");
+    if (m_model == Model::Gnx134) {
+        reply(QStringLiteral("TEST"), {QStringLiteral("GNX134"), modeText});
+        return;
+    }
+    QStringList p{QStringLiteral("GNX234"), m_serial1, m_serial2, m_hwRevision, modeText, m_blVersion};
+    if (m_mode == Mode::App)
+        p << m_appVersion << m_fpgaVersion;
+    reply(QStringLiteral("TEST"), p);
+}
+
+void Device::cmdGsn()
+{
+    if (m_model == Model::Gnx134)
+        reply(QStringLiteral("GSN"), {m_serial1 + QLatin1Char('-') + m_serial2});
+    else
+        reply(QStringLiteral("GSN"), {m_serial1, m_serial2});
+}
+
+void Device::drift()
+{
+    m_heading = std::fmod(m_heading + (int(m_rng.bounded(5)) - 2) + 360.0, 360.0);
+    m_temperature = qBound(15.0, m_temperature + (int(m_rng.bounded(3)) - 1) * 0.5, 45.0);
+    m_millivolts = qBound(11800.0, m_millivolts + (int(m_rng.bounded(21)) - 10), 12800.0);
+}
+
+void Device::cmdLig()
+{
+    drift();
+    const QDateTime now = clock();
+    QStringList p{QStringLiteral("3"),
+                  QString::number(qRound64(m_lat + (int(m_rng.bounded(21)) - 10))),
+                  QString::number(qRound64(m_lon + (int(m_rng.bounded(21)) - 10))),
+                  QString::number(int(m_heading)),
+                  QString::number(int(m_millivolts)),
+                  QString::number(int(m_temperature)),
+                  QString::number(now.date().year() - 2000),
+                  QString::number(now.date().month()),
+                  QString::number(now.date().day()),
+                  QString::number(now.time().hour()),
+                  QString::number(now.time().minute()),
+                  QString::number(now.time().second())};
+    if (m_model == Model::Gnx234)
+        p << m_sw.value(7);
+    p << m_appVersion << m_blVersion << m_fpgaVersion;
+    reply(QStringLiteral("LIG"), p);
+}
+
+void Device::cmdSetupSw(const QStringList& p)
+{
+    // Limits per wire index; 7 to 11 are the clock.
+    static const qint64 lo[14] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 0, 0};
+    static const qint64 hi[14] = {1, 1, 100, 1, 2, 2, 359, 99, 12, 31, 23, 59, 8, 1};
+    for (int i = 0; i < p.size(); ++i)
+        if (!p[i].isEmpty() && !intIn(p[i], lo[i], hi[i])) {
+            ack(false);
+            return;
+        }
+    const bool clockWrite = !allEmpty(p.mid(7, 5));
+    QDateTime newClock;
+    if (clockWrite) {
+        const QStringList cur = softwareSetup();
+        auto field = [&](int i) { return (p[i].isEmpty() ? cur[i] : p[i]).trimmed().toInt(); };
+        const QDate d(2000 + field(7), field(8), field(9));
+        if (!d.isValid()) {
+            ack(false);
+            return;
+        }
+        newClock = QDateTime(d, QTime(field(10), field(11), 0), Qt::UTC);
+    }
+    for (int i = 0; i < p.size(); ++i) {
+        if (p[i].isEmpty() || (i >= 7 && i <= 11))
+            continue;
+        m_sw[i < 7 ? i : i - 5] = norm(p[i]);
+    }
+    if (clockWrite)
+        setClock(newClock);
+    if (!allEmpty(p))
+        changed();
+    reply(QStringLiteral("SETUPSW"), softwareSetup());
+}
+
+void Device::cmdSetupHw(const QStringList& p)
+{
+    static const qint64 lo[7] = {0, 0, -1000000, 0, 0, 0, 0};
+    static const qint64 hi[7] = {1, 1, 1000000, 2, 3, 0, 1};
+    for (int i = 0; i < p.size(); ++i)
+        if (i != 5 && !p[i].isEmpty() && !intIn(p[i], lo[i], hi[i])) {
+            ack(false);
+            return;
+        }
+    for (int i = 0; i < p.size(); ++i)
+        if (!p[i].isEmpty())
+            m_hw[i] = i == 5 ? p[i] : norm(p[i]);
+    if (!allEmpty(p))
+        changed();
+    reply(QStringLiteral("SETUPHW"), m_hw);
+}
+
+QStringList Device::freeSlotParams(int index) const
+{
+    QStringList p{QString::number(index)};
+    while (p.size() < ipCount(m_model))
+        p << QString();
+    return p;
+}
+
+bool Device::validSlotWrite(const QStringList& p) const
+{
+    const bool v1 = m_model == Model::Gnx134;
+    if (!p[1].isEmpty() && p[1] != QLatin1String("1"))
+        return false;
+    if (!isHexId(p[3]) || p[2] != (p[3].size() == 5 ? QLatin1String("1") : QLatin1String("2")))
+        return false;
+    if (p[5] != QLatin1String("0") && p[5] != QLatin1String("1"))
+        return false;
+    if (p[5] == QLatin1String("1")) {
+        if (p[6].isEmpty())
+            return false;
+        for (int i = 7; i <= 26; ++i)
+            if (!intIn(p[i], INT_MIN, INT_MAX))
+                return false;
+        if (!intIn(p[27], 0, 1))
+            return false;
+        const int t = tailStart(m_model);
+        bool ok = false;
+        const uint poly = p[t + 1].toUInt(&ok, 16);
+        if (!intIn(p[t], 0, 2) || !ok || poly > 0xFFFF)
+            return false;
+        for (int i = t + 2; i <= t + 4; ++i)
+            if (!intIn(p[i], INT_MIN, INT_MAX))
+                return false;
+        if (!intIn(p[t + 5], 1, 254))
+            return false;
+    }
+    if (!intIn(p[28], 0, 65535))
+        return false;
+    if (v1)
+        return intIn(p[29], 0, 255);
+    return intIn(p[29], 0, 8) && intIn(p[30], 0, 2) && intIn(p[31], 0, 1) && intIn(p[32], 0, INT_MAX);
+}
+
+void Device::clearSlotFlash(int index, const QString& id)
+{
+    if (m_model == Model::Gnx134) {
+        m_flash[index].clear();
+        return;
+    }
+    auto& list = m_flash[0];
+    const quint32 value = id.toUInt(nullptr, 16);
+    for (int i = int(list.size()) - 1; i >= 0; --i)
+        if (list[i].id.toUInt(nullptr, 16) == value)
+            list.removeAt(i);
+}
+
+void Device::cmdIp(const QStringList& p)
+{
+    qint64 index = -1;
+    if (!intIn(p[0], 0, slotCount() - 1, &index)) {
+        ack(false);
+        return;
+    }
+    const int i = int(index);
+    if (allEmpty(p, 1)) { // read
+        reply(QStringLiteral("IP"), m_slots[i].isEmpty() ? freeSlotParams(i) : m_slots[i]);
+        return;
+    }
+    if (p[1] == QLatin1String("0") && allEmpty(p, 2)) { // clear: delete, or prepare a re-creation
+        if (!m_slots[i].isEmpty())
+            clearSlotFlash(i, m_slots[i][3]);
+        m_slots[i].clear();
+        m_tracks.remove(i);
+        changed();
+        reply(QStringLiteral("IP"), freeSlotParams(i));
+        return;
+    }
+    if (!validSlotWrite(p)) {
+        ack(false);
+        return;
+    }
+    const bool recreate = p[1] == QLatin1String("1");
+    const QString id = p[3].toUpper();
+    if (!m_slots[i].isEmpty()) {
+        const QString oldId = m_slots[i][3];
+        if (recreate)
+            clearSlotFlash(i, oldId);
+        else if (oldId != id) { // a new identifier needs a re-creation
+            ack(false);
+            return;
+        }
+        if (recreate)
+            m_tracks.remove(i);
+    }
+    QStringList stored = p;
+    stored[0] = QString::number(i);
+    stored[1].clear();
+    stored[3] = id;
+    m_slots[i] = stored;
+    changed();
+    reply(QStringLiteral("IP"), stored);
+}
+
+void Device::cmdIfp()
+{
+    const qint64 used = flashBytes().size();
+    const qint64 end = m_model == Model::Gnx234 && used > 0 ? used + 1 : used; // the end mark is read too
+    reply(QStringLiteral("IFP"), {QStringLiteral("0"), QString::number(end)});
+}
+
+void Device::cmdRfp(const QStringList& p)
+{
+    if (m_model == Model::Gnx134) {
+        qint64 index = -1;
+        if (!intIn(p[0], 0, slotCount() - 1, &index)) {
+            ack(false);
+            return;
+        }
+        const QByteArray dump = platformFlashBytes(int(index));
+        const quint64 answer = ++m_answerSeq;
+        int block = 1;
+        for (int at = 0; at < dump.size(); at += rfpTextBlockBytes, ++block) {
+            const QByteArray payload =
+                "RFP," + QByteArray::number(block) + ',' + dump.mid(at, rfpTextBlockBytes).toHex().toUpper();
+            m_out.append({Frame::frame(payload), answer, true});
+        }
+        m_out.append({Frame::frame("RFP,0,"), answer, true});
+        return;
+    }
+    qint64 start = 0, length = 0;
+    if (!intIn(p[0], 0, INT_MAX, &start) || !intIn(p[1], 0, INT_MAX, &length)) {
+        ack(false);
+        return;
+    }
+    const QByteArray data = readFlash(start, qMin(length, maxRfpLength));
+    const int blocks = int((data.size() + rfpBlockBytes - 1) / rfpBlockBytes);
+    const quint64 answer = ++m_answerSeq;
+    auto frame = [&](int k, qint64 address, const QByteArray& block) {
+        const QByteArray body =
+            "RFP," + QByteArray::number(k) + ',' + QByteArray::number(address) + ',' + block;
+        m_out.append({'$' + body + '*' + Frame::hex2(Frame::checksum(body)) + "\r\n", answer, false});
+    };
+    QByteArray count(rfpBlockBytes, '\0');
+    const quint32 n = quint32(blocks + 1);
+    count[rfpBlockBytes - 4] = char(n >> 24);
+    count[rfpBlockBytes - 3] = char(n >> 16);
+    count[rfpBlockBytes - 2] = char(n >> 8);
+    count[rfpBlockBytes - 1] = char(n);
+    frame(0, start, count);
+    for (int k = 0; k < blocks; ++k) {
+        QByteArray block = data.mid(k * rfpBlockBytes, rfpBlockBytes);
+        block.append(QByteArray(rfpBlockBytes - block.size(), char(0xFF)));
+        frame(k + 1, start + qint64(k) * rfpBlockBytes, block);
+    }
+    frame(blocks + 1, start + data.size(), {});
+}
+
+void Device::cmdDfp(const QStringList& p)
+{
+    if (p.isEmpty() || p[0].isEmpty()) {
+        for (auto& list : m_flash)
+            list.clear();
+    } else {
+        qint64 index = -1;
+        if (!intIn(p[0], 0, slotCount() - 1, &index)) {
+            ack(false);
+            return;
+        }
+        if (m_model == Model::Gnx134)
+            m_flash[int(index)].clear();
+        else if (!m_slots[int(index)].isEmpty())
+            clearSlotFlash(int(index), m_slots[int(index)][3]);
+    }
+    changed();
+    reply(QStringLiteral("DFP"), p);
+}
+
+void Device::cmdUpload(const QString& m, const QStringList& p)
+{
+    const bool bl = m_mode == Mode::Bl;
+    Upload& u = m_upload;
+    bool ok = false;
+    if (m == QLatin1String("REBO") && p.isEmpty()) {
+        if (!bl) {
+            ok = true; // a plain restart
+        } else if (!u.erased || u.locked) {
+            if (u.locked)
+                m_appVersion = u.version;
+            m_mode = Mode::App;
+            u = {};
+            changed();
+            ok = true;
+        }
+    } else if (!bl) {
+        ok = false;
+    } else if (m == QLatin1String("ATBL") && p.isEmpty()) {
+        u.unlocked = true;
+        ok = true;
+    } else if (m == QLatin1String("ERRF") && p.isEmpty()) {
+        if (u.unlocked && !u.locked) {
+            u.erased = true;
+            u.endSeen = false;
+            u.nextAddress = 0;
+            u.records = 0;
+            u.version.clear();
+            m_appVersion.clear();
+            changed();
+            ok = true;
+        }
+    } else if (m == QLatin1String("WRDA") && p.size() == 1) {
+        const auto record = Firmware::decode(p[0].trimmed().toLatin1());
+        if (u.erased && !u.locked && !u.endSeen && record) {
+            if (record->type == Firmware::Version) {
+                u.version = QString::fromUtf8(record->data);
+                u.version.replace(QLatin1Char(','), QLatin1Char('_'))
+                    .replace(QLatin1Char('*'), QLatin1Char('_'));
+                ok = true;
+            } else if (record->address == u.nextAddress) {
+                u.nextAddress += quint32(record->data.size());
+                u.endSeen = record->type == Firmware::End;
+                ok = true;
+            }
+            if (ok)
+                ++u.records;
+        }
+    } else if (m == QLatin1String("WRSC") && p.isEmpty()) {
+        if (u.erased && u.endSeen && !u.locked) {
+            if (u.version.isEmpty())
+                u.version = QStringLiteral("UNKNOWN");
+            u.locked = true;
+            ok = true;
+        }
+    }
+    ack(ok);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Platforms, live reports and flash contents
+
+void Device::seedPlatforms(int count)
+{
+    const auto& formats = PositionFormat::builtins();
+    // Slot pattern: signed, wrapped, centi-degree, 28-bit minutes, no format.
+    static const int pattern[5] = {2, 3, 0, 1, -1};
+    static const char* words[5] = {"Buoy", "Float", "Drifter", "Tag", "Beacon"};
+    for (int i = 0; i < count; ++i) {
+        const int f = pattern[i % 5];
+        const bool long28 = f == 1;
+        const quint32 idValue =
+            long28 ? 0x1000000u + m_rng.bounded(0xEFFFFFFu) : 0x10000u + m_rng.bounded(0xEFFFFu);
+        const QString id =
+            QString::number(idValue, 16).toUpper().rightJustified(long28 ? 7 : 5, QLatin1Char('0'));
+        QStringList p{
+            QString::number(i), QString(), long28 ? "2" : "1", id,
+            QStringLiteral("%1 %2").arg(QLatin1String(words[i % 5])).arg(i + 1, 2, 10, QLatin1Char('0'))};
+        if (f >= 0) {
+            const PositionFormat& fmt = formats[f];
+            p << "1" << fmt.name;
+            for (qint32 v : fmt.lat.values())
+                p << QString::number(v);
+            for (qint32 v : fmt.lon.values())
+                p << QString::number(v);
+            p << QString::number(fmt.payloadLength) << QString::number(fmt.indexPos)
+              << QString::number(fmt.gpsCheck ? 1 : 0);
+        } else {
+            p << "0" << QString();
+            for (int k = 0; k < 21; ++k)
+                p << "0";
+        }
+        p << QString::number(60 + 10 * int(m_rng.bounded(15)));
+        if (m_model == Model::Gnx134) {
+            p << "5";
+        } else {
+            const bool narrow = i % 5 == 1;
+            p << QString::number(i % 3 == 2 ? 4 : 0) << QString::number(i % 3) << (narrow ? "0" : "1")
+              << (narrow ? "401645000" : "0");
+        }
+        if (f >= 0) {
+            const PositionFormat& fmt = formats[f];
+            p << QString::number(fmt.encryptionType) << QString::number(fmt.polynom, 16)
+              << QString::number(fmt.crcPos) << QString::number(fmt.crcLen) << QString::number(fmt.dataPos)
+              << QString::number(fmt.dataLen);
+        } else {
+            p << "0"
+              << "0"
+              << "0"
+              << "0"
+              << "0"
+              << "1";
+        }
+        m_slots[i] = p;
+    }
+}
+
+void Device::seedFlash(int count)
+{
+    QList<int> used;
+    for (int i = 0; i < m_slots.size(); ++i)
+        if (!m_slots[i].isEmpty())
+            used << i;
+    if (m_model == Model::Gnx134 && used.isEmpty())
+        return; // this generation only records favourites
+    const QDateTime now = clock();
+    for (int i = 0; i < count; ++i) {
+        const QDateTime t = now.addSecs(-qint64(count - i) * 97);
+        const bool favourite = !used.isEmpty() && (m_model == Model::Gnx134 || m_rng.bounded(10) < 7);
+        const int slot = favourite ? used[i % used.size()] : -1;
+        store(makeReport(slot, favourite, int(m_rng.bounded(quint32(m_foreignIds.size()))), t));
+    }
+}
+
+Device::Track& Device::track(int key)
+{
+    auto it = m_tracks.find(key);
+    if (it == m_tracks.end()) {
+        Track t;
+        t.lat = m_lat + (int(m_rng.bounded(301)) - 150) * 600.0; // within 1.5 degree
+        t.lon = m_lon + (int(m_rng.bounded(301)) - 150) * 600.0;
+        it = m_tracks.insert(key, t);
+    }
+    return it.value();
+}
+
+int Device::bearingTo(double lat, double lon) const
+{
+    const double dLat = (lat - m_lat) / 60000.0;
+    const double dLon = (lon - m_lon) / 60000.0 * std::cos(qDegreesToRadians(m_lat / 60000.0));
+    const double deg = qRadiansToDegrees(std::atan2(dLon, dLat));
+    return (int(std::lround(deg)) % 360 + 360) % 360;
+}
+
+RxReport Device::makeReport(int slot, bool favourite, int foreign, const QDateTime& time)
+{
+    const bool v1 = m_model == Model::Gnx134;
+    const QStringList* sp = slot >= 0 ? &m_slots[slot] : nullptr;
+    RxReport r;
+    r.platformIndex = favourite ? slot : -1;
+    r.time = time;
+    r.time.setTime(QTime(time.time().hour(), time.time().minute(), time.time().second()));
+    r.platformId = sp ? (*sp)[3] : m_foreignIds[foreign];
+    Track& tr = track(sp ? slot : 1000 + foreign);
+    tr.lat = qBound(-5400000.0, tr.lat + (int(m_rng.bounded(41)) - 20) * 10.0, 5400000.0);
+    tr.lon = qBound(-10800000.0, tr.lon + (int(m_rng.bounded(41)) - 20) * 10.0, 10800000.0);
+
+    int band = v1 ? 0 : m_sw.value(7).toInt();
+    if (sp && !v1)
+        band = (*sp)[29].toInt();
+    if (tr.nominalFrequency == 0)
+        tr.nominalFrequency =
+            quint32(bandLowKHz[qBound(0, band, 8)]) * 1000u + 10000u + m_rng.bounded(60000u);
+    r.frequency = tr.nominalFrequency + m_rng.bounded(601u) - 300u;
+    r.flags = 3;
+    r.direction = (bearingTo(tr.lat, tr.lon) + int(m_rng.bounded(7)) - 3 + 360) % 360;
+    tr.meanDirection = tr.meanDirection < 0 ? r.direction : (tr.meanDirection * 4 + r.direction) / 5;
+    r.v1FlashValue = v1 && favourite ? int(std::lround(tr.meanDirection)) % 360 : 0;
+    r.band = v1 ? 0 : band;
+    r.extraCode = v1 || r.platformId.size() == 7 ? 0 : 2;
+    r.level = -130 + int(m_rng.bounded(26));
+    r.period = favourite && sp ? (*sp)[28].toUInt() : 0;
+    drift();
+    r.latitude = qint32(std::lround(m_lat));
+    r.longitude = qint32(std::lround(m_lon));
+    r.gnxDirection = int(m_heading);
+
+    const bool long28 = r.platformId.size() == 7;
+    const bool hasFormat = sp && (*sp)[5] == QLatin1String("1");
+    PositionFormat fmt;
+    if (hasFormat) {
+        QList<qint32> lat, lon;
+        for (int i = 7; i <= 15; ++i)
+            lat << (*sp)[i].toInt();
+        for (int i = 16; i <= 24; ++i)
+            lon << (*sp)[i].toInt();
+        fmt.lat = CoordinateField::fromValues(lat);
+        fmt.lon = CoordinateField::fromValues(lon);
+        fmt.payloadLength = (*sp)[25].toInt();
+    }
+    int size = hasFormat ? fmt.payloadBytes() : (long28 ? 9 : 8);
+    size = qBound(long28 ? 2 : 1, size, v1 ? FlashLayout::gnx134MaxPayload : FlashLayout::gnx234MaxPayload);
+    QByteArray payload(size, '\0');
+    for (auto& c : payload)
+        c = char(m_rng.bounded(256));
+    if (hasFormat) {
+        encodeCoordinate(payload, fmt.lat, qint64(std::lround(tr.lat)), 90);
+        encodeCoordinate(payload, fmt.lon, qint64(std::lround(tr.lon)), 180);
+    }
+    if (long28)
+        payload[0] = char(r.platformId.right(2).toUInt(nullptr, 16));
+    r.payload = payload;
+    return r;
+}
+
+void Device::store(const RxReport& r)
+{
+    if (m_model == Model::Gnx134) {
+        if (r.platformIndex < 0)
+            return; // only favourites have a place
+        const QByteArray bytes = FlashLayout::gnx134Record(r);
+        if (usedFlash(r.platformIndex) + bytes.size() <= gnx134SlotCapacity)
+            m_flash[r.platformIndex].append({r.platformId, bytes});
+    } else {
+        const QByteArray bytes = FlashLayout::gnx234Record(r);
+        if (usedFlash(0) + bytes.size() + 1 <= gnx234Capacity) // room for the end mark
+            m_flash[0].append({r.platformId, bytes});
+    }
+    changed();
+}
+
+void Device::liveTick()
+{
+    if (m_mode != Mode::App)
+        return;
+    bool anyUsed = false;
+    for (const auto& s : m_slots)
+        anyUsed = anyUsed || !s.isEmpty();
+    const bool favourite = anyUsed && m_rng.bounded(10) < 7;
+    emitNpr(-1, favourite);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Persistence
+
+QJsonObject Device::toJson() const
+{
+    QJsonObject o;
+    o["model"] = m_model == Model::Gnx134 ? "gnx134" : "gnx234";
+    o["mode"] = m_mode == Mode::App ? "app" : "bl";
+    o["applicationVersion"] = m_appVersion;
+    o["clockOffsetMs"] = double(QDateTime::currentDateTimeUtc().msecsTo(clock()));
+    o["softwareSetup"] = QJsonArray::fromStringList(m_sw);
+    o["hardwareSetup"] = QJsonArray::fromStringList(m_hw);
+    QJsonArray slotArray;
+    for (const auto& s : m_slots)
+        slotArray.append(QJsonArray::fromStringList(s));
+    o["slots"] = slotArray;
+    QJsonArray flash;
+    for (const auto& list : m_flash) {
+        QJsonArray records;
+        for (const auto& r : list)
+            records.append(QJsonObject{{"id", r.id}, {"data", QString::fromLatin1(r.bytes.toBase64())}});
+        flash.append(records);
+    }
+    o["flash"] = flash;
+    return o;
+}
+
+static QStringList strings(const QJsonValue& v)
+{
+    QStringList out;
+    for (const auto& e : v.toArray())
+        out << e.toString();
+    return out;
+}
+
+bool Device::fromJson(const QJsonObject& o, QString* error)
+{
+    auto fail = [&](const QString& text) {
+        if (error)
+            *error = text;
+        return false;
+    };
+    const QString model = m_model == Model::Gnx134 ? "gnx134" : "gnx234";
+    if (o.value("model").toString() != model)
+        return fail(QStringLiteral("state is for another model"));
+    const QStringList sw = strings(o.value("softwareSetup")), hw = strings(o.value("hardwareSetup"));
+    const QJsonArray slotArray = o.value("slots").toArray(), flash = o.value("flash").toArray();
+    if (sw.size() != m_sw.size() || hw.size() != m_hw.size() || slotArray.size() != m_slots.size() ||
+        flash.size() != m_flash.size())
+        return fail(QStringLiteral("state does not match the model"));
+    for (const auto& s : slotArray) {
+        const QStringList p = strings(s);
+        if (!p.isEmpty() && p.size() != ipCount(m_model))
+            return fail(QStringLiteral("bad platform slot in state"));
+    }
+    m_sw = sw;
+    m_hw = hw;
+    for (int i = 0; i < slotArray.size(); ++i)
+        m_slots[i] = strings(slotArray[i]);
+    for (int i = 0; i < flash.size(); ++i) {
+        m_flash[i].clear();
+        for (const auto& r : flash[i].toArray()) {
+            const QJsonObject ro = r.toObject();
+            m_flash[i].append(
+                {ro.value("id").toString(), QByteArray::fromBase64(ro.value("data").toString().toLatin1())});
+        }
+    }
+    m_mode = o.value("mode").toString() == QLatin1String("bl") ? Mode::Bl : Mode::App;
+    m_appVersion = o.value("applicationVersion").toString(m_appVersion);
+    setClock(QDateTime::currentDateTimeUtc().addMSecs(qint64(o.value("clockOffsetMs").toDouble())));
+    m_tracks.clear();
+    m_revision = 0;
+    return true;
+}
+
+} // namespace gnxsim
