@@ -79,8 +79,8 @@ const QList<PositionFormat>& PositionFormat::builtins()
         list << centi;
         // For 28-bit identifiers: the identifier's byte comes first, tenths of a minute with sign bits.
         PositionFormat minutes =
-            make("ORV-GPS-MINUTES-28", "Tag", "Kestrel Telemetry", "Tenths of minute, 28-bit identifiers", 72,
-                 {8, 1, 9, 22, 10, 1, 0, 1, 0}, {31, 1, 32, 23, 10, 1, 0, 1, 0});
+            make("ORV-GPS-MINUTES-28", "Tag", "Kestrel Telemetry", "Tenths of minute for 28-bit identifiers",
+                 72, {8, 1, 9, 22, 10, 1, 0, 1, 0}, {31, 1, 32, 23, 10, 1, 0, 1, 0});
         list << minutes;
         // Sign and magnitude in thousandths of a minute.
         PositionFormat sign = make("ORV-GPS-SIGNED", "Buoy", "Nordbuoy", "Sign and magnitude", 64,
@@ -97,6 +97,14 @@ const QList<PositionFormat>& PositionFormat::builtins()
         return list;
     }();
     return formats;
+}
+
+QByteArray PositionFormat::builtinsVtlFile()
+{
+    QByteArray out = QByteArray::number(builtins().size()) + '\n';
+    for (const PositionFormat& f : builtins())
+        out += f.toVtlLine().toUtf8() + '\n';
+    return out;
 }
 
 static bool readable(const QByteArray& payload, qint32 start, qint32 count)

@@ -32,6 +32,8 @@ struct PositionFormat
     QString toVtlLine() const;
     // The formats the emulator seeds its platforms with, in name order.
     static const QList<PositionFormat>& builtins();
+    // The whole formats file for the built-in formats: the count, then one line per format.
+    static QByteArray builtinsVtlFile();
     // Payload size needed by the format (at least one byte).
     int payloadBytes() const;
 };

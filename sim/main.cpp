@@ -1,6 +1,7 @@
 // gnxsim: a GNX134/GNX234 receiver on a pseudo-terminal.
 #include "sim/ControlConsole.h"
 #include "sim/Firmware.h"
+#include "sim/PositionFormat.h"
 #include "sim/PtySimulator.h"
 
 #include <QCommandLineParser>
@@ -68,6 +69,7 @@ int main(int argc, char** argv)
         {"fault",
          "A fault, NAME=VALUE: drop-reply, corrupt, noise (probabilities), split (bytes), delay (ms).",
          "spec"},
+        {"write-formats", "Write the GPS formats file that matches the seeded platforms and exit.", "file"},
         {"write-firmware", "Write a firmware file for the upload and exit.", "file"},
         {"version", "Firmware version text (with --write-firmware).", "text", "9.9.9"},
         {"firmware-records", "Data records in the firmware file (default 100).", "n", "100"},
@@ -80,6 +82,13 @@ int main(int argc, char** argv)
         return fail("--model is gnx134 or gnx234");
     o.model = model == "gnx134" ? Model::Gnx134 : Model::Gnx234;
 
+    if (parser.isSet("write-formats")) {
+        QSaveFile file(parser.value("write-formats"));
+        if (!file.open(QIODevice::WriteOnly))
+            return fail(file.errorString());
+        file.write(PositionFormat::builtinsVtlFile());
+        return file.commit() ? 0 : fail(file.errorString());
+    }
     if (parser.isSet("write-firmware")) {
         int records = 100;
         if (!parseInt(parser, "firmware-records", 0, &records))
