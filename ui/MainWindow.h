@@ -1,19 +1,110 @@
 #pragma once
 
+#include "com/GnxLink.h"
 #include "mrl/ui/MainWindow.h"
+#include "ui/SessionLog.h"
+
+#include <QMap>
+#include <QPointer>
+#include <memory>
+
+class QAction;
+class QIcon;
+class QProgressBar;
+
+namespace Ui {
+class MainWindow;
+}
+
+namespace OrviaGonioManager::Com {
+class ComManager;
+}
+namespace OrviaGonioManager::Utils {
+class FlashMemory;
+}
 
 namespace OrviaGonioManager::Ui {
 
+// The program's only window: one tool-bar action per detected receiver, the connection
+// workflow, and the tabs. Its code is split by tab (MainWindow*.cpp).
 class MainWindow : public MRL::Ui::MainWindow
 {
     Q_OBJECT
 
 public:
     explicit MainWindow(QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // For tests and the tool bar.
+    ::Ui::MainWindow* form() const { return ui_.get(); }
+    Com::GnxLink* gnxLink() const { return gnxLink_; }
+    Com::ComManager* comManager() const { return comManager_; }
+    QAction* portAction(const QString& portName) const { return portActions_.value(portName); }
+    QStringList portNames() const { return portActions_.keys(); }
+    QString connectedPort() const { return connectedPort_; }
+    QString sessionLogPath() const { return sessionLog_.filePath(); }
+
+    // The connect toggle of a port action.
+    void connectToggled(const QString& portName, bool checked);
 
 public slots:
     void slotLastWindowClosed();
     void slotPostInit() override;
+    void slotGnxDetected(QString portName);
+    void slotGnxRemoved(QString portName);
+    void slotGnxConnected(QString portName);
+    void slotGnxDisconnected(QString portName, QString reason);
+    void slotRefreshGuiInfos();
+    void slotRefreshStatus();
+    void slotSwitchMode();
+    void slotUpdateFirmware();
+    void slotSetSetupSoftware();
+    void slotSetTime();
+    void slotSetSetupHardware();
+
+private:
+    // Start-up.
+    void fillComboBoxes();
+    void setTableHeaders();
+
+    // Connection workflow. The slots wrap these in a guard; these throw, so that a failure
+    // ends the whole sequence that called them.
+    void gnxConnected(const QString& portName);
+    void gnxDisconnected(const QString& portName, const QString& reason, bool linkFailure);
+    void refreshGuiInfos();
+    void refreshStatus();
+    void connectWidgets();
+    void disconnectWidgets();
+    void setUnconnectedState();
+    void showGenerationWidgets(bool gnx134);
+    QString portLabel(const QString& portName) const;
+    QString logIdentity() const;
+
+    // Configuration tab.
+    void refreshSetupSoftware();
+    void refreshSetupHardware();
+    void showSetupSoftware(const Com::GnxLink::SetupSoftware& setup);
+    void showSetupHardware(const Com::GnxLink::SetupHardware& setup);
+    Com::GnxLink::SetupSoftware setupSoftwareFromWidgets() const;
+    Com::GnxLink::SetupHardware setupHardwareFromWidgets() const;
+    QList<QWidget*> softwareSetupWidgets() const;
+    QList<QWidget*> hardwareSetupWidgets() const;
+
+    // Firmware.
+    void uploadWithProgress(const QList<QByteArray>& records);
+
+    std::unique_ptr<::Ui::MainWindow> ui_;
+    QMap<QString, QAction*> portActions_;
+    Com::ComManager* comManager_ = nullptr;
+    Com::GnxLink* gnxLink_ = nullptr;
+    Utils::FlashMemory* flashMemory_ = nullptr;
+    QString connectedPort_;
+    Com::GnxLink::GnxVersion_t connectedVersion_ = Com::GnxLink::GNX_UNDEFINEDVERSION;
+    Com::GnxLink::GnxDeviceInfo deviceInfo_;
+    SessionLog sessionLog_;
+    bool guiRefreshing_ = false;
+    QList<QMetaObject::Connection> widgetConnections_;
+    QProgressBar* progressBar_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui

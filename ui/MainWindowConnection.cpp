@@ -1,0 +1,230 @@
+// Main window: port actions, connection and disconnection sequences, status refresh.
+#include "ui/MainWindow.h"
+
+#include "ui_MainWindow.h"
+
+#include <QAction>
+#include <QDateTime>
+#include <QDebug>
+#include <QFileInfo>
+#include <QMetaEnum>
+#include <QSysInfo>
+#include <QToolBar>
+
+namespace OrviaGonioManager::Ui {
+
+using Com::GnxLink;
+
+QString MainWindow::portLabel(const QString& portName) const
+{
+    if (QSysInfo::productType() == QLatin1String("windows"))
+        return portName;
+    // Ports from GNX_EXTRA_PORTS are already paths.
+    const QString device =
+        portName.startsWith(QLatin1Char('/')) ? portName : QStringLiteral("/dev/") + portName;
+    const QFileInfo info(device);
+    if (info.exists() && !info.isWritable())
+        return QStringLiteral("%1 (Warning: only root and users of %2 group can use this port)")
+            .arg(portName, info.group());
+    return portName;
+}
+
+void MainWindow::slotGnxDetected(QString portName)
+{
+    guard([&] {
+        const QString text = portLabel(portName);
+        if (QAction* old = portActions_.take(portName)) {
+            ui_->mainToolBar_->removeAction(old);
+            old->deleteLater();
+        }
+        auto* action = new QAction(QIcon(QStringLiteral(":/Icons/GNX")), text, this);
+        portActions_.insert(portName, action);
+        action->setToolTip(QStringLiteral("Connect to GNX @%1").arg(portName));
+        action->setCheckable(true);
+        ui_->mainToolBar_->addAction(action);
+        connect(action, &QAction::triggered, this,
+                [this, portName](bool checked) { guard([&] { connectToggled(portName, checked); }); });
+    });
+}
+
+void MainWindow::slotGnxRemoved(QString portName)
+{
+    guard([&] {
+        if (!connectedPort_.isEmpty() && portName == connectedPort_)
+            gnxDisconnected(portName, QStringLiteral("GNX disconnected"), false);
+        if (QAction* action = portActions_.take(portName)) {
+            ui_->mainToolBar_->removeAction(action);
+            action->deleteLater();
+        }
+    });
+}
+
+void MainWindow::connectToggled(const QString& portName, bool checked)
+{
+    if (!checked && portName == connectedPort_) {
+        gnxDisconnected(portName, QStringLiteral("Disconnect by user"), false);
+        return;
+    }
+    if (!checked)
+        return;
+    if (!connectedPort_.isEmpty() && connectedPort_ != portName) {
+        if (QAction* other = portActions_.value(connectedPort_))
+            other->setChecked(false);
+        gnxDisconnected(connectedPort_, QStringLiteral("Disconnection of currently connected GNX"), false);
+    }
+    if (QAction* action = portActions_.value(portName))
+        action->setChecked(true);
+    gnxConnected(portName);
+}
+
+void MainWindow::slotGnxConnected(QString portName)
+{
+    guard([&] { gnxConnected(portName); });
+}
+
+void MainWindow::gnxConnected(const QString& portName)
+{
+    ui_->tabWidget->setCurrentIndex(0);
+    qInfo().noquote() << QStringLiteral("Connection of a GNX on %1.").arg(portName);
+    qInfo().noquote() << "Loading configuration...";
+    gnxLink_->openConnection(portName);
+    connectedPort_ = portName;
+
+    ui_->tabWidget->setEnabled(true);
+    for (QWidget* w : {static_cast<QWidget*>(ui_->lineEditTerminalCommand),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalSend),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalSaveScript),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalScript),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalReloadGui)})
+        w->setEnabled(true);
+    connectWidgets();
+    ui_->lineEditVersionsStatus->setText(
+        QStringLiteral("Connected at %1")
+            .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss"))));
+
+    refreshGuiInfos();
+
+    sessionLog_.open(SessionLog::defaultDirectory(), logIdentity());
+    const QDateTime now = QDateTime::currentDateTime();
+    sessionLog_.writeLine(
+        QStringLiteral("%1 %2 : USB connection to %3")
+            .arg(now.date().toString(Qt::ISODate), now.time().toString(QStringLiteral("HH:mm:ss")),
+                 connectedVersion_ == GnxLink::GNX_V1 ? QStringLiteral("GNX134") : QStringLiteral("GNX234")));
+    showGenerationWidgets(connectedVersion_ == GnxLink::GNX_V1);
+    qInfo().noquote() << "GNX configuration loaded!";
+}
+
+QString MainWindow::logIdentity() const
+{
+    // In bootloader mode the serial number is unknown: the port names the device instead.
+    if (deviceInfo_.serialNumberPart1.isEmpty() || deviceInfo_.serialNumberPart1 == QLatin1String("UNKNOWN"))
+        return SessionLog::fileSafe(connectedPort_);
+    return SessionLog::fileSafe(
+        QStringLiteral("%1-%2").arg(deviceInfo_.serialNumberPart1, deviceInfo_.serialNumberPart2));
+}
+
+void MainWindow::slotGnxDisconnected(QString portName, QString reason)
+{
+    const bool linkFailure = sender() == gnxLink_;
+    guard([&] { gnxDisconnected(portName, reason, linkFailure); });
+}
+
+void MainWindow::gnxDisconnected(const QString& portName, const QString& reason, bool linkFailure)
+{
+    // A failing link may report more than once; only the first report tears down.
+    if (connectedPort_.isEmpty() && !gnxLink_->isConnected())
+        return;
+    sessionLog_.close();
+    ui_->tabWidget->setCurrentIndex(0);
+    if (linkFailure)
+        qCritical().noquote()
+            << QStringLiteral("Error on %1 (%2). Please restart connection.").arg(portName, reason);
+    else
+        qInfo().noquote() << QStringLiteral("Disconnection of %1 (%2).").arg(portName, reason);
+    gnxLink_->closeConnection();
+    setUnconnectedState();
+}
+
+void MainWindow::setUnconnectedState()
+{
+    disconnectWidgets();
+    connectedPort_.clear();
+    connectedVersion_ = GnxLink::GNX_UNDEFINEDVERSION;
+    deviceInfo_ = GnxLink::GnxDeviceInfo();
+    ui_->lineEditVersionsStatus->setText(QStringLiteral("Not connected"));
+    ui_->tabWidget->setCurrentIndex(0);
+    ui_->tabWidget->setEnabled(false);
+    for (QWidget* w : {static_cast<QWidget*>(ui_->lineEditTerminalCommand),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalSend),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalSaveScript),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalScript),
+                       static_cast<QWidget*>(ui_->pushButtonTerminalReloadGui)})
+        w->setEnabled(false);
+    for (QAction* action : std::as_const(portActions_))
+        action->setChecked(false);
+}
+
+void MainWindow::showGenerationWidgets(bool gnx134)
+{
+    const QList<QWidget*> gnx234Only{
+        ui_->labelStatusCompassDirection,   ui_->lineEditStatusCompassDirection,
+        ui_->labelStatusOrviaBand,          ui_->lineEditStatusOrviaBand,
+        ui_->labelPlatformsOrviaBand,       ui_->comboBoxPlatformsOrviaBand,
+        ui_->labelPlatformsModulation,      ui_->comboBoxPlatformsModulation,
+        ui_->checkBoxPlatformNarrowEnabled, ui_->doubleSpinBoxPlatformsNarrowFrequency,
+        ui_->checkBoxHardwareProximityMode};
+    for (QWidget* w : gnx234Only)
+        w->setVisible(!gnx134);
+    ui_->labelPlatformsMeanDirectionValue->setVisible(gnx134);
+    ui_->spinBoxPlatformsMeanDirectionValue->setVisible(gnx134);
+}
+
+void MainWindow::slotRefreshGuiInfos()
+{
+    guard([&] { refreshGuiInfos(); });
+}
+
+void MainWindow::refreshGuiInfos()
+{
+    // Identification first: it sets the generation that every other read depends on, and a
+    // device in bootloader mode answers nothing but identification.
+    refreshStatus();
+    if (deviceInfo_.mode != GnxLink::GNX_BL) {
+        refreshSetupSoftware();
+        refreshSetupHardware();
+    }
+    ui_->pushButtonSwitchMode->setText(deviceInfo_.mode == GnxLink::GNX_BL
+                                           ? QStringLiteral("Switch back to standard mode...")
+                                           : QStringLiteral("Switch to firmware update mode..."));
+}
+
+void MainWindow::slotRefreshStatus()
+{
+    guard([&] { refreshStatus(); });
+}
+
+void MainWindow::refreshStatus()
+{
+    deviceInfo_ = gnxLink_->readDeviceInfo();
+    connectedVersion_ = deviceInfo_.version;
+    const auto& d = deviceInfo_;
+    ui_->lineEditVersionsSerialNumber->setText(
+        QStringLiteral("SN/%1-%2").arg(d.serialNumberPart1, d.serialNumberPart2));
+    ui_->lineEditVersionsApplication->setText(d.applicationVersion);
+    ui_->lineEditVersionsGonio->setText(QStringLiteral("GONIO V%1").arg(int(d.version)));
+    ui_->lineEditVersionsGonio->setToolTip(
+        QStringLiteral("%1 - %2 - %3").arg(d.applicationVersion, d.fpgaVersion, d.bootloaderVersion));
+    ui_->lineEditVersionsBootloader->setText(d.bootloaderVersion);
+    ui_->lineEditVersionsMode->setText(
+        QString::fromLatin1(QMetaEnum::fromType<GnxLink::GnxMode_t>().valueToKey(d.mode)));
+    ui_->lineEditVersionsFpga->setText(d.fpgaVersion);
+    ui_->lineEditStatusLatitude->setText(QString::number(d.latitude));
+    ui_->lineEditStatusLongitude->setText(QString::number(d.longitude));
+    ui_->lineEditStatusCompassDirection->setText(QString::number(d.direction));
+    ui_->lineEditStatusTemperature->setText(QString::fromUtf8("%1°C").arg(d.temperature));
+    ui_->lineEditStatusVoltage->setText(QString::number(d.voltage));
+    ui_->lineEditStatusOrviaBand->setText(
+        d.band == GnxLink::ORVIABAND_INVALID ? QStringLiteral("INVALID") : GnxLink::bandDescription(d.band));
+}
+
+} // namespace OrviaGonioManager::Ui
