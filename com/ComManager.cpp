@@ -1,0 +1,107 @@
+#include "com/ComManager.h"
+
+#include <QDebug>
+#include <QFileInfo>
+#include <QSerialPortInfo>
+
+namespace OrviaGonioManager::Com {
+
+ComManager::ComManager(QObject* parent)
+    : QObject(parent), scanTimer_(this), portLister_(&ComManager::systemPorts)
+{
+    scanTimer_.setSingleShot(true);
+    connect(&scanTimer_, &QTimer::timeout, this, &ComManager::slotScanComPorts);
+}
+
+ComManager::~ComManager()
+{
+    scanTimer_.stop();
+    knownPorts_.clear();
+}
+
+void ComManager::setPortLister(PortLister lister)
+{
+    portLister_ = lister ? std::move(lister) : PortLister(&ComManager::systemPorts);
+}
+
+QList<ComManager::PortEntry> ComManager::systemPorts()
+{
+    QList<PortEntry> ports;
+    const auto infos = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo& info : infos)
+        ports.append(
+            {info.portName(), info.systemLocation(), info.vendorIdentifier(), info.productIdentifier()});
+    return ports;
+}
+
+QStringList ComManager::extraPortPaths()
+{
+    QStringList paths;
+    const QStringList listed =
+        qEnvironmentVariable(kExtraPortsVariable).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    for (const QString& entry : listed) {
+        const QString path = entry.trimmed();
+        if (!path.isEmpty() && !paths.contains(path) && QFileInfo::exists(path))
+            paths.append(path);
+    }
+    return paths;
+}
+
+void ComManager::slotScanComPorts()
+{
+    const QList<PortEntry> ports = portLister_();
+    const QStringList extraPaths = extraPortPaths();
+    QSet<QString> present;
+
+    for (const PortEntry& port : ports) {
+        // A listed port also named in GNX_EXTRA_PORTS is offered under its path below.
+        if (extraPaths.contains(port.systemLocation) || extraPaths.contains(port.portName))
+            continue;
+        present.insert(port.portName);
+        if (knownPorts_.contains(port.portName))
+            continue;
+        if (port.vendorId == kGnxVendorId && port.productId == kGnxProductId)
+            detect(port.portName);
+        else
+            reject(port);
+    }
+    for (const QString& path : extraPaths) {
+        present.insert(path);
+        if (!knownPorts_.contains(path))
+            detect(path);
+    }
+
+    QStringList gone;
+    for (const QString& portName : std::as_const(knownPorts_)) {
+        if (!present.contains(portName))
+            gone.append(portName);
+    }
+    gone.sort();
+    for (const QString& portName : std::as_const(gone)) {
+        knownPorts_.remove(portName);
+        emit sigGnxRemoved(portName);
+    }
+    rejectedPorts_.intersect(present);
+
+    scanTimer_.start(kScanPeriodMs);
+}
+
+void ComManager::detect(const QString& portName)
+{
+    knownPorts_.insert(portName);
+    rejectedPorts_.remove(portName);
+    qInfo().noquote() << QStringLiteral("Creation of UartLink %1").arg(portName);
+    emit sigGnxDetected(portName);
+}
+
+void ComManager::reject(const PortEntry& port)
+{
+    if (rejectedPorts_.contains(port.portName))
+        return;
+    rejectedPorts_.insert(port.portName);
+    qWarning().noquote() << QStringLiteral("Device vendor 0x%1 product 0x%2 is rejected on port %3.")
+                                .arg(QString::number(port.vendorId, 16).toUpper(),
+                                     QString::number(port.productId, 16).toUpper(), port.portName);
+}
+
+} // namespace OrviaGonioManager::Com

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+
+#include <functional>
+
+namespace OrviaGonioManager::Com {
+
+// Watches the serial ports once a second and reports GNX receivers appearing and vanishing,
+// by port name. Never opens a port.
+class ComManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr quint16 kGnxVendorId = 0x04DE;
+    static constexpr quint16 kGnxProductId = 0xF584;
+    static constexpr int kScanPeriodMs = 1000;
+    // Paths separated by ":" offered as receivers whatever their USB identifiers (the emulator,
+    // receivers behind other USB-serial adapters); each one while its path exists.
+    static constexpr const char* kExtraPortsVariable = "GNX_EXTRA_PORTS";
+
+    // One serial port as the system lists it.
+    struct PortEntry
+    {
+        QString portName;
+        QString systemLocation;
+        quint16 vendorId = 0;
+        quint16 productId = 0;
+    };
+    using PortLister = std::function<QList<PortEntry>()>;
+
+    explicit ComManager(QObject* parent = nullptr);
+    ~ComManager() override;
+
+    // The one place ports come from; tests replace it.
+    void setPortLister(PortLister lister);
+    static QList<PortEntry> systemPorts();
+    // The paths of GNX_EXTRA_PORTS that exist now.
+    static QStringList extraPortPaths();
+
+    QSet<QString> knownPorts() const { return knownPorts_; }
+
+signals:
+    void sigGnxDetected(QString portName);
+    void sigGnxRemoved(QString portName);
+
+public slots:
+    void slotScanComPorts();
+
+private:
+    void detect(const QString& portName);
+    void reject(const PortEntry& port);
+
+    QTimer scanTimer_;
+    QSet<QString> knownPorts_;
+    // Rejected ports are warned about once while they stay plugged in.
+    QSet<QString> rejectedPorts_;
+    PortLister portLister_;
+};
+
+} // namespace OrviaGonioManager::Com

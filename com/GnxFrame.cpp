@@ -1,0 +1,116 @@
+#include "com/GnxFrame.h"
+
+#include <QMetaEnum>
+#include <QRegularExpression>
+
+namespace OrviaGonioManager::Com::GnxFrame {
+
+namespace {
+
+const QRegularExpression& linePattern()
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("^\\$(?<gnxReply>[A-Z0-9]+)(,(?<params>([^\\*]+)))?\\*(?<checksum>[0-9A-F]+)$"));
+    return pattern;
+}
+
+// GNX134 devices leave the last two payload digits and the "*" out of the NPR checksum.
+bool passesNprSecondCheck(const QString& line, quint32 received)
+{
+    constexpr int kUncoveredTail = 5;
+    if (line.size() <= kUncoveredTail + 1)
+        return false;
+    return checksum(QStringView(line).mid(1, line.size() - 1 - kUncoveredTail)) == received;
+}
+
+} // namespace
+
+quint8 checksum(QStringView text)
+{
+    quint8 sum = 0;
+    for (const QChar c : text) {
+        if (c.unicode() < 256)
+            sum ^= quint8(c.unicode());
+    }
+    return sum;
+}
+
+QString checksumText(quint8 value)
+{
+    return QStringLiteral("%1").arg(value, 2, 16, QLatin1Char('0')).toUpper();
+}
+
+QString mnemonic(GnxLink::GnxCmd_t cmd)
+{
+    if (cmd == GnxLink::CMD_KEEPALIVE_INTERNAL)
+        return QStringLiteral("TEST");
+    const char* key = QMetaEnum::fromType<GnxLink::GnxCmd_t>().valueToKey(cmd);
+    return key ? QString::fromLatin1(key).mid(4) : QString();
+}
+
+QString commandLine(GnxLink::GnxCmd_t cmd, const QStringList& params)
+{
+    QString line = mnemonic(cmd);
+    if (!params.isEmpty())
+        line += QLatin1Char(',') + params.join(QLatin1Char(','));
+    return line;
+}
+
+QString seal(const QString& payload)
+{
+    const QString text = payload + QLatin1Char('*');
+    return text + checksumText(checksum(text));
+}
+
+QByteArray encode(GnxLink::GnxCmd_t cmd, const QStringList& params)
+{
+    return '$' + seal(commandLine(cmd, params)).toLatin1() + "\r\n";
+}
+
+DecodedLine decodeLine(const QString& line)
+{
+    DecodedLine decoded;
+    const QRegularExpressionMatch match = linePattern().match(line);
+    if (!match.hasMatch())
+        return decoded;
+
+    decoded.mnemonic = match.captured(u"gnxReply");
+    const QString params = match.captured(u"params");
+    if (match.capturedStart(u"params") >= 0)
+        decoded.params = params.split(QLatin1Char(','));
+
+    decoded.receivedChecksumText = match.captured(u"checksum");
+    bool ok = false;
+    decoded.receivedChecksum = decoded.receivedChecksumText.toUInt(&ok, 16);
+    if (!ok)
+        decoded.receivedChecksum = 0x100; // too long to be a checksum: never equal
+    // Everything between "$" and the checksum digits, "*" included.
+    decoded.computedChecksum = checksum(QStringView(line).mid(1, match.capturedStart(u"checksum") - 1));
+
+    if (decoded.receivedChecksum == decoded.computedChecksum)
+        decoded.status = DecodedLine::Ok;
+    else if (decoded.mnemonic == QLatin1String("NPR") && passesNprSecondCheck(line, decoded.receivedChecksum))
+        decoded.status = DecodedLine::AcceptedNprChecksum;
+    else
+        decoded.status = DecodedLine::BadChecksum;
+    return decoded;
+}
+
+QString undecodableWarning(const QString& line)
+{
+    return QStringLiteral("Unable to decode GNX message \"%1\".").arg(line);
+}
+
+QString badChecksumError(const QString& line, const DecodedLine& decoded)
+{
+    return QStringLiteral("Bad checksum in GNX reply \"%1\": %2 vs %3.")
+        .arg(line, decoded.receivedChecksumText.rightJustified(2, QLatin1Char('0')),
+             checksumText(decoded.computedChecksum));
+}
+
+QString nprChecksumWarning(const QString& mnemonic)
+{
+    return QStringLiteral("Bad checksum detected on %1 frame.").arg(mnemonic);
+}
+
+} // namespace OrviaGonioManager::Com::GnxFrame

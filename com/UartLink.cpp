@@ -1,0 +1,541 @@
+#include "com/UartLink.h"
+
+#include "app/Settings.h"
+#include "mrl/utils/Exception.h"
+
+#include <QDebug>
+#include <QMetaEnum>
+
+#include <limits>
+
+namespace OrviaGonioManager::Com {
+
+namespace {
+
+constexpr qint32 kBaudRate = 115200;
+constexpr int kLoggedLineChars = 80;
+
+const Utils::Settings& settings()
+{
+    return Utils::Settings::instance();
+}
+
+template <typename Enum> QString keyOf(Enum value)
+{
+    return QString::fromLatin1(QMetaEnum::fromType<Enum>().valueToKey(int(value)));
+}
+
+bool isAckCommand(GnxLink::GnxCmd_t cmd)
+{
+    switch (cmd) {
+    case GnxLink::CMD_ATBL:
+    case GnxLink::CMD_ERRF:
+    case GnxLink::CMD_WRDA:
+    case GnxLink::CMD_WRSC:
+    case GnxLink::CMD_REBO:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// A runaway line is logged by its head only.
+QString shortened(const QByteArray& bytes)
+{
+    if (bytes.size() <= kLoggedLineChars)
+        return QString::fromLatin1(bytes);
+    return QString::fromLatin1(bytes.left(kLoggedLineChars)) + QStringLiteral("...");
+}
+
+// The first block of a binary flash answer holds the block count, big-endian.
+bool readBlockCount(const QByteArray& block, qint64& count)
+{
+    count = 0;
+    for (const char byte : block) {
+        if (count > (std::numeric_limits<qint64>::max() >> 8))
+            return false;
+        count = (count << 8) | quint8(byte);
+    }
+    return true;
+}
+
+} // namespace
+
+UartLink::UartLink(const QSerialPortInfo& portInfo, QObject* parent)
+    : QObject(parent), portInfo_(portInfo), portName_(portInfo.portName()),
+      portLocation_(portInfo.systemLocation())
+{
+    init();
+}
+
+UartLink::UartLink(const QString& portNameOrPath, QObject* parent)
+    : QObject(parent), portName_(portNameOrPath), portLocation_(portNameOrPath)
+{
+    init();
+}
+
+UartLink::~UartLink()
+{
+    slotCloseConnection();
+}
+
+void UartLink::init()
+{
+    qRegisterMetaType<GnxLink::GnxCmd_t>("GnxLink::GnxCmd_t");
+    qRegisterMetaType<GnxLink::GnxVersion_t>("GnxLink::GnxVersion_t");
+    qRegisterMetaType<GnxLink::GnxMessageType_t>("GnxLink::GnxMessageType_t");
+    qRegisterMetaType<GnxLink::GnxCmd_t>();
+    qRegisterMetaType<GnxLink::GnxVersion_t>();
+    qRegisterMetaType<GnxLink::GnxMessageType_t>();
+
+    keepAliveTimer_.setSingleShot(true);
+    replyTimer_.setSingleShot(true);
+    connect(&keepAliveTimer_, &QTimer::timeout, this, &UartLink::slotKeepAlive);
+    connect(&replyTimer_, &QTimer::timeout, this, &UartLink::slotTimeout);
+    connect(&serialPort_, &QSerialPort::errorOccurred, this, &UartLink::onPortError);
+}
+
+// --- state ---------------------------------------------------------------------------------
+
+void UartLink::setStatus(LinkStatus_t status)
+{
+    if (settings().printUartDebugInfo)
+        qDebug().noquote() << QStringLiteral("From %1 to %2").arg(keyOf(status_.load()), keyOf(status));
+    status_.store(status);
+    notifyListener();
+}
+
+void UartLink::notifyListener()
+{
+    if (stateListener_)
+        stateListener_();
+}
+
+int UartLink::replyTimeoutMs() const
+{
+    return lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL ? settings().keepAliveTimeoutMs
+                                                           : settings().gnxCommandTimeoutMs;
+}
+
+void UartLink::startKeepAlive()
+{
+    const int period = settings().keepAlivePeriodMs;
+    if (period > 0)
+        keepAliveTimer_.start(period);
+}
+
+// --- port ----------------------------------------------------------------------------------
+
+void UartLink::slotOpenConnection()
+{
+    if (serialPort_.isOpen())
+        return;
+    serialPort_.setPortName(portLocation_);
+    serialPort_.setBaudRate(kBaudRate, QSerialPort::AllDirections);
+    if (!serialPort_.open(QIODevice::ReadWrite)) {
+        failed_.store(true);
+        notifyListener();
+        emit sigErrorOccured(
+            QStringLiteral("Port %1 cannot be open (error %2)").arg(portName_, keyOf(serialPort_.error())));
+        return;
+    }
+    serialPort_.clear(QSerialPort::AllDirections);
+    serialPort_.clearError();
+    setDtr(true);
+    connect(&serialPort_, &QSerialPort::readyRead, this, &UartLink::slotReadyRead, Qt::UniqueConnection);
+    portOpen_.store(true);
+    setStatus(UART_READY);
+    startKeepAlive();
+}
+
+void UartLink::slotCloseConnection()
+{
+    keepAliveTimer_.stop();
+    replyTimer_.stop();
+    if (serialPort_.isOpen())
+        serialPort_.close();
+    portOpen_.store(false);
+}
+
+void UartLink::slotSetLiveRxEnabled(bool enabled)
+{
+    if (serialPort_.isOpen())
+        setDtr(enabled);
+}
+
+// Pseudo-terminals have no modem lines; that is no reason to give up the link.
+void UartLink::setDtr(bool enabled)
+{
+    if (serialPort_.setDataTerminalReady(enabled))
+        return;
+    if (!dtrWarned_) {
+        dtrWarned_ = true;
+        qWarning().noquote() << QStringLiteral("Port %1 cannot set its DTR line (%2): live reception is not "
+                                               "switched on this port.")
+                                    .arg(portName_, keyOf(serialPort_.error()));
+    }
+    serialPort_.clearError();
+}
+
+void UartLink::onPortError(QSerialPort::SerialPortError error)
+{
+    switch (error) {
+    case QSerialPort::NoError:
+    case QSerialPort::UnsupportedOperationError: // DTR on a pseudo-terminal, reported by setDtr()
+    case QSerialPort::NotOpenError:
+        return;
+    case QSerialPort::ReadError:
+    case QSerialPort::WriteError:
+    case QSerialPort::ResourceError:
+        dropPort(QStringLiteral("Port %1 lost (error %2: %3)")
+                     .arg(portName_, keyOf(error), serialPort_.errorString()));
+        return;
+    default:
+        if (serialPort_.isOpen())
+            qWarning().noquote() << QStringLiteral("Port %1: %2").arg(portName_, serialPort_.errorString());
+        return;
+    }
+}
+
+// A vanished device makes the port report the same error endlessly until it is closed: close
+// it once, outside the port's own notification, and report once.
+void UartLink::dropPort(const QString& message)
+{
+    if (portLost_)
+        return;
+    portLost_ = true;
+    failed_.store(true);
+    keepAliveTimer_.stop();
+    replyTimer_.stop();
+    QMetaObject::invokeMethod(
+        this,
+        [this, message] {
+            slotCloseConnection();
+            notifyListener();
+            emit sigErrorOccured(message);
+        },
+        Qt::QueuedConnection);
+}
+
+// --- sending -------------------------------------------------------------------------------
+
+void UartLink::slotSendRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params, GnxLink::GnxVersion_t gnxVersion)
+{
+    if (status() != UART_READY || hasFailed())
+        throw MRL::Utils::Exception(QStringLiteral("UartLink is not available"), 2);
+
+    lastCommand_ = gnxCmd;
+    lastFrame_ = GnxFrame::mnemonic(gnxCmd);
+    const QString frame = GnxFrame::seal(GnxFrame::commandLine(gnxCmd, params));
+    lastSent_ = QLatin1Char('$') + frame;
+
+    if (gnxCmd == GnxLink::CMD_RFP) {
+        rfpData_.clear();
+        binaryBuffer_.clear();
+        currentBlock_.clear();
+        blockCountKnown_ = false;
+        blocksRemaining_ = -1;
+        headerSeen_ = false;
+        blockTaken_ = false;
+        setStatus(gnxVersion == GnxLink::GNX_V1 ? UART_WAITING_RFP_REPLY : UART_WAITING_RFP_BINARY_REPLY);
+    } else {
+        setStatus(UART_WAITING_REPLY);
+    }
+
+    keepAliveTimer_.stop();
+    replyTimer_.start(replyTimeoutMs());
+
+    if (settings().printAtCmdDebugInfo && gnxCmd != GnxLink::CMD_KEEPALIVE_INTERNAL)
+        qDebug().noquote() << QStringLiteral("Send $%1").arg(frame);
+    serialPort_.write('$' + frame.toLatin1() + "\r\n");
+}
+
+void UartLink::slotSendManualGnxCmd(QString userCmd)
+{
+    if (settings().printAtCmdDebugInfo)
+        qDebug().noquote() << QStringLiteral("Send %1").arg(userCmd);
+    serialPort_.write(userCmd.toLatin1() + "\r\n");
+}
+
+void UartLink::slotKeepAlive()
+{
+    // A command may have been sent since the timer was armed.
+    if (status() != UART_READY || hasFailed())
+        return;
+    slotSendRequest(GnxLink::CMD_KEEPALIVE_INTERNAL, {}, GnxLink::GNX_UNDEFINEDVERSION);
+}
+
+void UartLink::slotTimeout()
+{
+    emit sigErrorOccured(QStringLiteral("Uart link timeout"));
+    setStatus(UART_ERROR_TIMEOUT);
+    if (lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL)
+        throw MRL::Utils::Exception(QStringLiteral("UART link timeout on KeepAlive"), 2);
+}
+
+// --- receiving lines -----------------------------------------------------------------------
+
+void UartLink::slotReadyRead()
+{
+    if (status() == UART_WAITING_RFP_BINARY_REPLY) {
+        parseBinary(serialPort_.readAll());
+        return;
+    }
+    lineBuffer_ += serialPort_.readAll();
+    processLines();
+}
+
+void UartLink::processLines()
+{
+    int end = -1;
+    while (status() != UART_WAITING_RFP_BINARY_REPLY && (end = lineBuffer_.indexOf('\n')) >= 0) {
+        const QByteArray raw = lineBuffer_.left(end);
+        lineBuffer_.remove(0, end + 1);
+        handleLine(QString::fromLatin1(raw).trimmed());
+    }
+    if (lineBuffer_.size() > kMaxLineBytes) {
+        qWarning().noquote() << GnxFrame::undecodableWarning(shortened(lineBuffer_));
+        lineBuffer_.clear();
+    }
+}
+
+void UartLink::handleLine(const QString& line)
+{
+    if (settings().printAtCmdDebugInfo)
+        qDebug().noquote() << QStringLiteral("Receive %1").arg(line);
+    if (line.isEmpty()) {
+        qWarning().noquote() << QStringLiteral("Empty line");
+        return;
+    }
+    const LinkStatus_t current = status();
+    if (current == UART_WAITING_REPLY || current == UART_WAITING_RFP_REPLY)
+        handleReply(line);
+    else
+        handleUnsolicited(line);
+}
+
+bool UartLink::decode(const QString& line, GnxFrame::DecodedLine& decoded)
+{
+    decoded = GnxFrame::decodeLine(line);
+    switch (decoded.status) {
+    case GnxFrame::DecodedLine::Ok:
+        return true;
+    case GnxFrame::DecodedLine::AcceptedNprChecksum:
+        qWarning().noquote() << GnxFrame::nprChecksumWarning(decoded.mnemonic);
+        return true;
+    case GnxFrame::DecodedLine::Undecodable:
+        qWarning().noquote() << GnxFrame::undecodableWarning(line);
+        return false;
+    case GnxFrame::DecodedLine::BadChecksum:
+        emit sigErrorOccured(GnxFrame::badChecksumError(line, decoded));
+        return false;
+    }
+    return false;
+}
+
+void UartLink::handleUnsolicited(const QString& line)
+{
+    replyTimer_.stop();
+    GnxFrame::DecodedLine decoded;
+    if (decode(line, decoded))
+        dispatchUnsolicited(line, decoded.mnemonic, decoded.params);
+}
+
+void UartLink::dispatchUnsolicited(const QString& line, const QString& mnemonic, const QStringList& params)
+{
+    if (mnemonic == QLatin1String("NPR"))
+        emit sigRxReceived(GnxLink::GNXMSG_NPR, params);
+    else if (mnemonic == QLatin1String("NPRF"))
+        emit sigRxReceived(GnxLink::GNXMSG_NPRF, params);
+    else
+        emit sigReplyReceived({QStringLiteral("Unknown GNX message type in \"%1\".").arg(line)}, true);
+}
+
+void UartLink::handleReply(const QString& line)
+{
+    const LinkStatus_t previous = status();
+    replyTimer_.stop();
+    startKeepAlive();
+    setStatus(UART_READY);
+
+    GnxFrame::DecodedLine decoded;
+    if (!decode(line, decoded))
+        return;
+
+    if (decoded.mnemonic == QLatin1String("NPR") || decoded.mnemonic == QLatin1String("NPRF")) {
+        // A report crossed the answer: the command is still awaited.
+        dispatchUnsolicited(line, decoded.mnemonic, decoded.params);
+        keepAliveTimer_.stop();
+        replyTimer_.start(replyTimeoutMs());
+        setStatus(previous);
+        return;
+    }
+
+    const bool ackAnswer = decoded.mnemonic == QLatin1String("ACK") && lastFrame_ != QLatin1String("ACK");
+    if (ackAnswer || isAckCommand(lastCommand_)) {
+        bool ok = false;
+        const int code = decoded.params.value(0).toInt(&ok);
+        if (!ackAnswer || !ok || code == 0)
+            emit sigReplyReceived({QStringLiteral("Invalid command: \"%1\"").arg(lastSent_)}, true);
+        else if (lastCommand_ != GnxLink::CMD_KEEPALIVE_INTERNAL)
+            emit sigReplyReceived(decoded.params, false);
+        return;
+    }
+
+    if (decoded.mnemonic == lastFrame_) {
+        if (lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL)
+            return;
+        if (lastCommand_ == GnxLink::CMD_RFP && previous == UART_WAITING_RFP_REPLY)
+            handleTextRfpLine(decoded.params);
+        else
+            emit sigReplyReceived(decoded.params, false);
+        return;
+    }
+
+    emit sigReplyReceived({QStringLiteral("Unrelated message: \"%1\"").arg(line)}, true);
+}
+
+// GNX134 flash answer: "$RFP,<block>,<hex data>" lines, closed by block number 0.
+void UartLink::handleTextRfpLine(const QStringList& params)
+{
+    bool ok = false;
+    const int block = params.value(0).toInt(&ok);
+    if (!ok || block == 0) {
+        emit sigBinaryRfpDataReceived(rfpData_, false);
+        return;
+    }
+    const QByteArray data = QByteArray::fromHex(params.value(1).toLatin1());
+    if (rfpData_.size() + data.size() > kMaxRfpBytes) {
+        failBinary(QStringLiteral("Flash memory answer larger than %1 bytes").arg(kMaxRfpBytes));
+        return;
+    }
+    rfpData_ += data;
+    keepAliveTimer_.stop();
+    replyTimer_.start(settings().gnxCommandTimeoutMs);
+    setStatus(UART_WAITING_RFP_REPLY);
+}
+
+// --- binary flash answer -------------------------------------------------------------------
+
+void UartLink::parseBinary(const QByteArray& bytes)
+{
+    replyTimer_.stop();
+    binaryBuffer_ += bytes;
+    while (status() == UART_WAITING_RFP_BINARY_REPLY && !binaryBuffer_.isEmpty()) {
+        if (!parseBinaryFrame())
+            break;
+    }
+
+    if (status() == UART_WAITING_RFP_BINARY_REPLY) {
+        if (binaryBuffer_.size() > kMaxLineBytes) {
+            failBinary(QStringLiteral("Flash memory answer not understood (%1 bytes without a frame)")
+                           .arg(binaryBuffer_.size()));
+            return;
+        }
+        replyTimer_.start(settings().gnxCommandTimeoutMs);
+        return;
+    }
+    // Whatever followed the answer is text again.
+    lineBuffer_ += binaryBuffer_;
+    binaryBuffer_.clear();
+    processLines();
+}
+
+// Cuts one frame (header, block, trailer) off the buffer; false while bytes are missing.
+bool UartLink::parseBinaryFrame()
+{
+    if (!headerSeen_) {
+        if (!skipToFrameHeader())
+            return false;
+        int comma = -1;
+        for (int i = 0; i < 3; ++i) {
+            comma = binaryBuffer_.indexOf(',', comma + 1);
+            if (comma < 0)
+                return false;
+        }
+        binaryBuffer_.remove(0, comma + 1);
+        headerSeen_ = true;
+    }
+
+    if (!blockTaken_) {
+        const int size = (blockCountKnown_ && blocksRemaining_ == 1) ? 0 : kRfpBlockBytes;
+        if (binaryBuffer_.size() < size)
+            return false;
+        currentBlock_ = binaryBuffer_.left(size);
+        binaryBuffer_.remove(0, size);
+        blockTaken_ = true;
+    }
+
+    if (binaryBuffer_.size() < kRfpTrailerBytes)
+        return false;
+    binaryBuffer_.remove(0, kRfpTrailerBytes);
+    headerSeen_ = false;
+    blockTaken_ = false;
+
+    if (!blockCountKnown_) {
+        qint64 count = 0;
+        if (!readBlockCount(currentBlock_, count) || (count - 1) * kRfpBlockBytes > kMaxRfpBytes) {
+            failBinary(QStringLiteral("Flash memory answer announces too many blocks"));
+            return false;
+        }
+        blocksRemaining_ = qint32(qMax<qint64>(count, 1));
+        blockCountKnown_ = true;
+        return true;
+    }
+    if (blocksRemaining_ > 1) {
+        rfpData_ += currentBlock_;
+        --blocksRemaining_;
+        return true;
+    }
+    finishBinary();
+    return false;
+}
+
+// Leaves the buffer at a frame header. A whole text line met instead (a report sent during the
+// answer) is handled as a line; other bytes are dropped with a warning.
+bool UartLink::skipToFrameHeader()
+{
+    static const QByteArray header("$RFP,");
+    while (!binaryBuffer_.isEmpty()) {
+        const int n = qMin(binaryBuffer_.size(), int(header.size()));
+        if (binaryBuffer_.left(n) == header.left(n))
+            return binaryBuffer_.size() >= header.size();
+        if (binaryBuffer_.startsWith('$')) {
+            const int end = binaryBuffer_.indexOf('\n');
+            if (end < 0)
+                return false;
+            const QByteArray raw = binaryBuffer_.left(end);
+            binaryBuffer_.remove(0, end + 1);
+            handleLine(QString::fromLatin1(raw).trimmed());
+            continue;
+        }
+        const int next = binaryBuffer_.indexOf('$');
+        const QByteArray dropped = next < 0 ? binaryBuffer_ : binaryBuffer_.left(next);
+        binaryBuffer_.remove(0, dropped.size());
+        qWarning().noquote() << GnxFrame::undecodableWarning(shortened(dropped));
+    }
+    return false;
+}
+
+void UartLink::finishBinary()
+{
+    startKeepAlive();
+    setStatus(UART_READY);
+    emit sigBinaryRfpDataReceived(rfpData_, false);
+}
+
+void UartLink::failBinary(const QString& message)
+{
+    binaryBuffer_.clear();
+    rfpData_.clear();
+    blockCountKnown_ = false;
+    blocksRemaining_ = -1;
+    headerSeen_ = false;
+    blockTaken_ = false;
+    replyTimer_.stop();
+    startKeepAlive();
+    setStatus(UART_READY);
+    emit sigBinaryRfpDataReceived(message.toUtf8(), true);
+}
+
+} // namespace OrviaGonioManager::Com
