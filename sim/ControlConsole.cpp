@@ -21,6 +21,7 @@ QString ControlConsole::help()
         "  rawbad PAYLOAD       the same with a wrong checksum\n"
         "  fault drop-reply P | corrupt P | noise P | split N | delay MS | off\n"
         "  clock YYYY-MM-DDTHH:MM:SS   set the receiver's clock (UTC)\n"
+        "  received             how many command lines came in, and the last one\n"
         "  status | save | help | quit");
 }
 
@@ -145,6 +146,13 @@ QString ControlConsole::execute(const QString& line, bool* quit)
         return m_sim.options().statePath.isEmpty() ? error(QStringLiteral("no --state file"))
                : m_sim.saveState(&why)             ? ok
                                                    : error(why);
+    }
+    if (command == QLatin1String("received")) {
+        const QStringList lines = m_sim.receivedLines();
+        return QStringLiteral("%1 %2")
+            .arg(lines.size())
+            .arg(lines.isEmpty() ? QString() : lines.last())
+            .trimmed();
     }
     if (command == QLatin1String("status")) {
         const Options o = m_sim.options();
