@@ -1,0 +1,453 @@
+// The main window against the emulator over a pseudo-terminal: detection, connection,
+// the session log, configuration edits, disconnections and a firmware update.
+#include "app/Settings.h"
+#include "common/RecordingDialogs.h"
+#include "mrl/ui/LogHub.h"
+#include "sim/Firmware.h"
+#include "sim/PtySimulator.h"
+#include "ui/MainWindow.h"
+#include "ui/SessionLog.h"
+#include "ui_MainWindow.h"
+
+#include <QAction>
+#include <QDateTimeEdit>
+#include <QDir>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using OrviaGonioManager::Ui::MainWindow;
+using OrviaGonioManager::Ui::SessionLog;
+
+namespace {
+
+struct LogCapture
+{
+    LogCapture() { QObject::connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &ctx, record); }
+    int count(int type, const QString& text) const
+    {
+        int n = 0;
+        for (const auto& m : messages)
+            n += (m.first == type && m.second == text) ? 1 : 0;
+        return n;
+    }
+    QObject ctx;
+    QList<QPair<int, QString>> messages;
+    std::function<void(QDateTime, int, QString)> record = [this](QDateTime, int type, QString text) {
+        messages.append({type, text});
+    };
+};
+
+gnxsim::Model modelOf(const QString& name)
+{
+    return name == QLatin1String("gnx134") ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
+}
+
+QString logIdentity(const gnxsim::PtySimulator& sim)
+{
+    const QStringList parts = sim.serialNumber().split('-');
+    return parts.value(0).rightJustified(4, '0') + "-" + parts.value(1);
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    f.open(QIODevice::ReadOnly);
+    return f.readAll();
+}
+
+// Lines of a command written with values (not a read with every parameter empty).
+QStringList writesOf(const QStringList& lines, const QString& mnemonic)
+{
+    QStringList writes;
+    for (const QString& line : lines) {
+        const QStringList fields = line.split(',');
+        if (fields.first() != mnemonic)
+            continue;
+        for (int i = 1; i < fields.size(); ++i)
+            if (!fields[i].isEmpty()) {
+                writes << line;
+                break;
+            }
+    }
+    return writes;
+}
+
+} // namespace
+
+class TestMainWindow : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir workDir_;
+    std::unique_ptr<gnxsim::PtySimulator> sim_;
+    std::unique_ptr<gnxsim::PtySimulator> sim2_;
+    std::unique_ptr<MainWindow> window_;
+    std::unique_ptr<RecordingDialogs> dialogs_;
+
+    ::Ui::MainWindow* ui() const { return window_->form(); }
+
+    void startSim(const QString& model, gnxsim::Mode mode = gnxsim::Mode::App)
+    {
+        gnxsim::Options options;
+        options.model = modelOf(model);
+        options.mode = mode;
+        options.platforms = 2;
+        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
+        QVERIFY2(sim_->start(), qPrintable(sim_->errorString()));
+    }
+
+    void showWindow(const QStringList& ports)
+    {
+        qputenv("GNX_EXTRA_PORTS", ports.join(':').toLocal8Bit());
+        window_ = std::make_unique<MainWindow>();
+        window_->show();
+        for (const QString& port : ports)
+            QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
+    }
+
+    void connectTo(const QString& port)
+    {
+        QAction* action = window_->portAction(port);
+        QVERIFY(action);
+        action->trigger();
+        QCOMPARE(window_->connectedPort(), port);
+        QVERIFY(ui()->lineEditVersionsStatus->text().startsWith("Connected at "));
+    }
+
+private slots:
+    void initTestCase()
+    {
+        // Settings and the GPS formats file are found relative to the working directory.
+        QDir(workDir_.path()).mkpath("run");
+        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
+        auto& settings = OrviaGonioManager::Utils::Settings::instance();
+        settings.keepAlivePeriodMs = 0; // keeps the emulator's command log to what the window sends
+        settings.gnxCommandTimeoutMs = 5000;
+    }
+
+    void init() { dialogs_ = std::make_unique<RecordingDialogs>(); }
+
+    void cleanup()
+    {
+        window_.reset();
+        sim_.reset();
+        sim2_.reset();
+        dialogs_.reset();
+    }
+
+    void connecting_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::newRow("gnx134") << "gnx134";
+        QTest::newRow("gnx234") << "gnx234";
+    }
+
+    void connecting()
+    {
+        QFETCH(QString, model);
+        const bool gnx134 = model == "gnx134";
+        startSim(model);
+        const QString port = sim_->slavePath();
+        const QString logPath = SessionLog::defaultDirectory() + "/Log " + logIdentity(*sim_) + ".txt";
+        QFile::remove(logPath);
+        showWindow({port});
+        QCOMPARE(window_->portAction(port)->toolTip(), "Connect to GNX @" + port);
+        QVERIFY(!ui()->tabWidget->isEnabled());
+
+        LogCapture logs;
+        connectTo(port);
+        QVERIFY(ui()->tabWidget->isEnabled());
+        QCOMPARE(ui()->lineEditVersionsSerialNumber->text(), "SN/" + logIdentity(*sim_));
+        QCOMPARE(ui()->lineEditVersionsGonio->text(), gnx134 ? QString("GONIO V1") : QString("GONIO V2"));
+        QVERIFY(ui()->lineEditStatusTemperature->text().endsWith(QString::fromUtf8("°C")));
+        QVERIFY(!ui()->lineEditVersionsApplication->text().isEmpty());
+        QCOMPARE(logs.count(QtInfoMsg, "Connection of a GNX on " + port + "."), 1);
+        QCOMPARE(logs.count(QtInfoMsg, "GNX configuration loaded!"), 1);
+
+        // Generation-specific widgets.
+        QCOMPARE(ui()->checkBoxHardwareProximityMode->isHidden(), gnx134);
+        QCOMPARE(ui()->lineEditStatusOrviaBand->isHidden(), gnx134);
+        QCOMPARE(ui()->spinBoxPlatformsMeanDirectionValue->isHidden(), !gnx134);
+
+        const QString sessionLine = QString(" : USB connection to ") + (gnx134 ? "GNX134" : "GNX234");
+        QCOMPARE(window_->sessionLogPath(), logPath);
+        QByteArray log = readAll(logPath);
+        QVERIFY2(log.endsWith(sessionLine.toUtf8() + "\n"), log.constData());
+        QCOMPARE(log.count('\n'), 1);
+
+        // Disconnect by the user, then a second session.
+        window_->portAction(port)->trigger();
+        QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (Disconnect by user)."), 1);
+        QCOMPARE(ui()->lineEditVersionsStatus->text(), QString("Not connected"));
+        QVERIFY(!ui()->tabWidget->isEnabled());
+        QVERIFY(!window_->gnxLink()->isConnected());
+
+        connectTo(port);
+        log = readAll(logPath);
+        const QList<QByteArray> lines = log.split('\n');
+        QCOMPARE(lines.size(), 6); // first session, three empty lines, second session, final ""
+        QVERIFY(lines[1].isEmpty() && lines[2].isEmpty() && lines[3].isEmpty());
+        QVERIFY(lines[4].endsWith(sessionLine.toUtf8()));
+    }
+
+    void editsReachTheDevice_data() { connecting_data(); }
+
+    void editsReachTheDevice()
+    {
+        QFETCH(QString, model);
+        const bool gnx134 = model == "gnx134";
+        startSim(model);
+        showWindow({sim_->slavePath()});
+        connectTo(sim_->slavePath());
+
+        // Each edit sends the whole record built from all widgets, then reads it back.
+        struct Edit
+        {
+            const char* what;
+            std::function<void()> change;
+            int index; // field that must change on the device
+            bool v2Only;
+        };
+        const QList<Edit> softwareEdits{
+            {"audio", [&] { ui()->checkBoxSetupSoftwareAudio->toggle(); }, 0, false},
+            {"backlight", [&] { ui()->checkBoxSetupSoftwareBacklight->toggle(); }, 1, false},
+            {"contrast", [&] { ui()->horizontalSliderSetupSoftwareConstrast->setValue(
+                                   (ui()->horizontalSliderSetupSoftwareConstrast->value() + 7) % 40); },
+             2, false},
+            {"gps", [&] { ui()->checkBoxSetupSoftwareGpsAcquisition->toggle(); }, 3, false},
+            {"coord", [&] { ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(
+                                (ui()->comboBoxSetupSoftwareCoordType->currentIndex() + 1) % 3); },
+             4, false},
+            {"dist", [&] { ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(
+                               (ui()->comboBoxSetupSoftwareDistType->currentIndex() + 1) % 3); },
+             5, false},
+            {"offset", [&] { ui()->spinBoxSetupSoftwareDirectionOffset->setValue(
+                                 (ui()->spinBoxSetupSoftwareDirectionOffset->value() + 11) % 360); },
+             6, false},
+            {"band", [&] { ui()->comboBoxSetupSoftwareOrviaBand->setCurrentIndex(
+                               (ui()->comboBoxSetupSoftwareOrviaBand->currentIndex() + 1) % 9); },
+             12, true},
+            {"favorites", [&] { ui()->checkBoxSetupSoftwareAllToFavorites->toggle(); }, 13, true},
+        };
+        for (const Edit& edit : softwareEdits) {
+            if (edit.v2Only && gnx134)
+                continue;
+            const QStringList before = sim_->softwareSetup();
+            sim_->clearReceived();
+            edit.change();
+            const QStringList after = sim_->softwareSetup();
+            const QStringList received = sim_->receivedLines();
+            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
+            QCOMPARE(writesOf(received, "SETUPSW").size(), 1);
+            QCOMPARE(received.last(), QString("SETUPSW") + QString(",").repeated(gnx134 ? 12 : 14));
+            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
+            // Only the edited field changed; the clock fields are left alone.
+            for (int i = 0; i < after.size(); ++i)
+                if (i != edit.index && (i < 7 || i > 11))
+                    QVERIFY2(after[i] == before[i], qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
+        }
+        // The widgets show the read-back.
+        const QStringList device = sim_->softwareSetup();
+        QCOMPARE(QString::number(ui()->checkBoxSetupSoftwareAudio->isChecked()), device[0]);
+        QCOMPARE(QString::number(ui()->horizontalSliderSetupSoftwareConstrast->value()), device[2]);
+        QCOMPARE(QString::number(ui()->spinBoxSetupSoftwareDirectionOffset->value()), device[6]);
+
+        const QList<Edit> hardwareEdits{
+            {"direction mode", [&] { ui()->comboBoxHardwareDirectionMode->setCurrentIndex(
+                                         1 - ui()->comboBoxHardwareDirectionMode->currentIndex()); },
+             0, false},
+            {"antenna position", [&] { ui()->comboBoxHardwareAntennaPosition->setCurrentIndex(
+                                           1 - ui()->comboBoxHardwareAntennaPosition->currentIndex()); },
+             1, false},
+            {"cable", [&] { ui()->spinBoxHardwareCableLength->setValue(
+                                ui()->spinBoxHardwareCableLength->value() + 5); },
+             2, false},
+            {"antenna type", [&] { ui()->comboBoxHardwareAntennaMode->setCurrentIndex(
+                                       (ui()->comboBoxHardwareAntennaMode->currentIndex() + 1) % 3); },
+             3, false},
+            {"compass", [&] { ui()->comboBoxHardwareCompassMode->setCurrentIndex(
+                                  (ui()->comboBoxHardwareCompassMode->currentIndex() + 1) % 4); },
+             4, false},
+            {"declination", [&] {
+                 ui()->lineEditHardwareDeclination->setText("E12.5");
+                 emit ui()->lineEditHardwareDeclination->editingFinished();
+             },
+             5, false},
+            {"proximity", [&] { ui()->checkBoxHardwareProximityMode->toggle(); }, 6, true},
+        };
+        for (const Edit& edit : hardwareEdits) {
+            if (edit.v2Only && gnx134)
+                continue;
+            const QStringList before = sim_->hardwareSetup();
+            sim_->clearReceived();
+            edit.change();
+            const QStringList after = sim_->hardwareSetup();
+            const QStringList received = sim_->receivedLines();
+            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
+            QCOMPARE(received.last(), QString("SETUPHW") + QString(",").repeated(gnx134 ? 6 : 7));
+            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
+            for (int i = 0; i < after.size(); ++i)
+                if (i != edit.index)
+                    QVERIFY2(after[i] == before[i], qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
+        }
+        QCOMPARE(ui()->lineEditHardwareDeclination->text(), sim_->hardwareSetup().value(5));
+
+        // The date-time widget has its own command, which sets the clock to the minute.
+        sim_->clearReceived();
+        const QDateTime wanted(QDate(2031, 5, 17), QTime(8, 42), Qt::UTC);
+        ui()->widgetSoftwareSetupDateTime->editor()->setDateTime(wanted);
+        QCOMPARE(sim_->clock().date(), wanted.date());
+        QCOMPARE(sim_->clock().time().hour(), 8);
+        QCOMPARE(sim_->clock().time().minute(), 42);
+    }
+
+    void refreshingSendsNoWrites()
+    {
+        startSim("gnx234");
+        showWindow({sim_->slavePath()});
+        connectTo(sim_->slavePath());
+        sim_->clearReceived();
+        window_->slotRefreshGuiInfos();
+        const QStringList received = sim_->receivedLines();
+        QVERIFY(received.contains(QString("SETUPSW") + QString(",").repeated(14)));
+        QCOMPARE(writesOf(received, "SETUPSW"), QStringList());
+        QCOMPARE(writesOf(received, "SETUPHW"), QStringList());
+    }
+
+    void unconnectedWidgetsSendNothing()
+    {
+        startSim("gnx234");
+        showWindow({sim_->slavePath()});
+        connectTo(sim_->slavePath());
+        window_->portAction(sim_->slavePath())->trigger(); // disconnect
+        sim_->clearReceived();
+        ui()->checkBoxSetupSoftwareAudio->toggle();
+        ui()->comboBoxHardwareCompassMode->setCurrentIndex(2);
+        ui()->spinBoxHardwareCableLength->setValue(77);
+        QCoreApplication::processEvents();
+        QCOMPARE(sim_->receivedLines(), QStringList());
+        QCOMPARE(dialogs_->criticals, QStringList());
+    }
+
+    void secondPortDisconnectsTheFirst()
+    {
+        startSim("gnx234");
+        gnxsim::Options other;
+        other.model = gnxsim::Model::Gnx134;
+        sim2_ = std::make_unique<gnxsim::PtySimulator>(other);
+        QVERIFY(sim2_->start());
+        const QString first = sim_->slavePath();
+        const QString second = sim2_->slavePath();
+        showWindow({first, second});
+        connectTo(first);
+
+        LogCapture logs;
+        connectTo(second);
+        QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + first + " (Disconnection of currently connected GNX)."),
+                 1);
+        QVERIFY(!window_->portAction(first)->isChecked());
+        QVERIFY(window_->portAction(second)->isChecked());
+        QCOMPARE(ui()->lineEditVersionsGonio->text(), QString("GONIO V1"));
+    }
+
+    void unplugReturnsToUnconnectedState()
+    {
+        startSim("gnx234");
+        const QString port = sim_->slavePath();
+        showWindow({port});
+        connectTo(port);
+
+        LogCapture logs;
+        sim_->unplug();
+        QTRY_VERIFY_WITH_TIMEOUT(window_->connectedPort().isEmpty(), 10000);
+        QCOMPARE(ui()->lineEditVersionsStatus->text(), QString("Not connected"));
+        QVERIFY(!ui()->tabWidget->isEnabled());
+        int errors = 0;
+        for (const auto& m : logs.messages)
+            if (m.first == QtCriticalMsg && m.second.startsWith("Error on " + port + " (") &&
+                m.second.endsWith("). Please restart connection."))
+                ++errors;
+        QCOMPARE(errors, 1);
+        // The port disappears from the tool bar at the next scan.
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->portAction(port), 10000);
+        QVERIFY(dialogs_->criticals.size() <= 1);
+    }
+
+    void firmwareUpdate()
+    {
+        startSim("gnx234");
+        const QString port = sim_->slavePath();
+        const QString van = workDir_.filePath("update.van");
+        {
+            QFile f(van);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            f.write(gnxsim::Firmware::vanFile(gnxsim::Model::Gnx234, "7.7.7", 30));
+        }
+        showWindow({port});
+        connectTo(port);
+        QCOMPARE(ui()->pushButtonSwitchMode->text(), QString("Switch to firmware update mode..."));
+
+        // Switch to the bootloader.
+        LogCapture logs;
+        dialogs_->answers << QMessageBox::Yes;
+        ui()->pushButtonSwitchMode->click();
+        QCOMPARE(dialogs_->questions.last(), QString("Switch mode?|Are you sure you want to switch to BL/APP mode?"));
+        QCOMPARE(sim_->mode(), gnxsim::Mode::Bl);
+        QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (Please reconnect to GNX)."), 1);
+        QVERIFY(window_->connectedPort().isEmpty());
+
+        // Reconnect in bootloader mode and upload.
+        connectTo(port);
+        QCOMPARE(ui()->pushButtonSwitchMode->text(), QString("Switch back to standard mode..."));
+        QSignalSpy progress(window_->gnxLink(), &OrviaGonioManager::Com::GnxLink::sigFirmwareProgress);
+        dialogs_->files << van;
+        dialogs_->answers << QMessageBox::Yes;
+        ui()->pushButtonUpdateFirmware->click();
+        QCOMPARE(dialogs_->criticals, QStringList());
+        QCOMPARE(dialogs_->fileCaptions.last(),
+                 QString("Select GNX firmware (VAN format)|GNX firmware (*.van);;All files (*)"));
+        QCOMPARE(dialogs_->questions.last(),
+                 QString("Update firmware?|Are you sure you want to update firmware to 7.7.7? This will delete ALL "
+                         "your data."));
+        QVERIFY(!progress.isEmpty());
+        QCOMPARE(progress.last().at(0), progress.last().at(1));
+        QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (Please reconnect to GNX)."), 2);
+        QCOMPARE(sim_->mode(), gnxsim::Mode::App);
+        QCOMPARE(sim_->applicationVersion(), QString("7.7.7"));
+    }
+
+    void firmwareFileChecks_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("one line") << QByteArray("VANTOR GONIO_V2 FIRMWARE VERSION : 1.0")
+                                  << "Unable to read GNX firmware file %1: not enought data";
+        QTest::newRow("bad first line") << QByteArray("HELLO\rV00") << "Unable to decode first line of file %1.";
+        QTest::newRow("other generation") << QByteArray("VANTOR GONIO_V1 FIRMWARE VERSION : 1.0  \rV00")
+                                          << "Incompatible GNX version (1 vs 2).";
+    }
+
+    void firmwareFileChecks()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, error);
+        startSim("gnx234");
+        showWindow({sim_->slavePath()});
+        connectTo(sim_->slavePath());
+        const QString path = workDir_.filePath("bad.van");
+        {
+            QFile f(path);
+            QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            f.write(content);
+        }
+        dialogs_->files << path;
+        ui()->pushButtonUpdateFirmware->click();
+        QCOMPARE(dialogs_->criticals, QStringList{error.contains("%1") ? error.arg(path) : error});
+        QCOMPARE(window_->connectedPort(), sim_->slavePath()); // still connected
+    }
+};
+
+QTEST_MAIN(TestMainWindow)
+#include "tst_mainwindow.moc"

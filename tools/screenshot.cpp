@@ -1,0 +1,64 @@
+// Takes the README's screenshot: the window connected to an in-process emulator.
+// Usage: ogm_screenshot <output.png> [gnx134|gnx234]
+#include "app/Settings.h"
+#include "mrl/utils/DateTime.h"
+#include "mrl/utils/ToplevelApplication.h"
+#include "sim/PtySimulator.h"
+#include "ui/MainWindow.h"
+
+#include <QAction>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QTemporaryDir>
+#include <QTimer>
+
+int main(int argc, char** argv)
+{
+    MRL::Utils::DateTime::registerMetaType();
+    MRL::Utils::ToplevelApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("OrviaGonioManager"));
+    const QStringList args = app.arguments();
+    if (args.size() < 2) {
+        qCritical("usage: ogm_screenshot <output.png> [gnx134|gnx234]");
+        return 2;
+    }
+    const QString output = QFileInfo(args.at(1)).absoluteFilePath();
+
+    gnxsim::Options options;
+    options.model = args.value(2) == QLatin1String("gnx134") ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
+    options.platforms = 6;
+    options.flashRecords = 50;
+    gnxsim::PtySimulator sim(options);
+    if (!sim.start()) {
+        qCritical("cannot start the emulator: %s", qPrintable(sim.errorString()));
+        return 1;
+    }
+
+    // Settings and logs stay in a scratch directory.
+    QTemporaryDir work;
+    QDir(work.path()).mkpath(QStringLiteral("run"));
+    QDir::setCurrent(work.filePath(QStringLiteral("run")));
+    OrviaGonioManager::Utils::Settings::instance().keepAlivePeriodMs = 0;
+
+    qputenv("GNX_EXTRA_PORTS", sim.slavePath().toLocal8Bit());
+    OrviaGonioManager::Ui::MainWindow window;
+    window.resize(1280, 800);
+    window.show();
+
+    const QDeadlineTimer deadline(20000);
+    while (!window.portAction(sim.slavePath()) && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    QAction* action = window.portAction(sim.slavePath());
+    if (!action) {
+        qCritical("the emulator's port was not detected");
+        return 1;
+    }
+    action->trigger();
+    int status = 1;
+    QTimer::singleShot(500, &app, [&] {
+        status = window.grab().save(output) ? 0 : 1;
+        app.quit();
+    });
+    app.exec();
+    return status;
+}
