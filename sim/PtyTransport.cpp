@@ -18,7 +18,7 @@
 namespace gnxsim {
 
 namespace {
-constexpr qint64 maxQueuedBytes = 256 * 1024; // beyond this, unsolicited output is dropped
+constexpr qint64 maxQueuedBytes = 64 * 1024; // beyond this, unsolicited output is dropped
 constexpr int maxWrite = 4096;
 } // namespace
 
@@ -114,6 +114,7 @@ void PtyTransport::close()
     m_master = m_slaveKeep = -1;
     m_queue.clear();
     m_queuedBytes = 0;
+    m_blocked = false;
     QString slave;
     {
         QMutexLocker lock(&m_shared->mutex);
@@ -200,8 +201,8 @@ void PtyTransport::enqueue(const QByteArray& unit, bool text, quint64 answer)
         }
         if (m_dropAnswer)
             return;
-    } else if (m_queuedBytes > maxQueuedBytes) {
-        return;
+    } else if (m_blocked || m_queuedBytes > maxQueuedBytes) {
+        return; // like the receiver, which does not keep reports nobody reads
     }
     QByteArray bytes = unit;
     if (text && m_faults.corruptChecksum > 0 && m_rng.generateDouble() < m_faults.corruptChecksum) {
@@ -279,6 +280,7 @@ void PtyTransport::pump()
             if (errno == EINTR)
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                m_blocked = true;
                 if (m_writeNotifier)
                     m_writeNotifier->setEnabled(true);
             } else {
@@ -287,6 +289,7 @@ void PtyTransport::pump()
             }
             return;
         }
+        m_blocked = false;
         m_throttleSent += n;
         m_queuedBytes -= n;
         p.bytes.remove(0, int(n));

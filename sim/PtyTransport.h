@@ -63,6 +63,7 @@ private:
     qint64 m_queuedBytes = 0;
     quint64 m_lastAnswer = 0;
     bool m_dropAnswer = false;
+    bool m_blocked = false; // the last write found the pty full: nobody is reading
     qint64 m_throttleStartNs = 0;
     qint64 m_throttleSent = 0;
 };

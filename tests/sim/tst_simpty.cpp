@@ -49,6 +49,7 @@ private slots:
     void binaryFlashReadArrivesWhole();
     void liveAndUnsolicitedLines();
     void overrideOverThePty();
+    void reportsNobodyReadsAreNotKept();
     void stateFileKeepsTheDeviceAcrossRuns();
     void throttleKeepsTheLineRate_data();
     void throttleKeepsTheLineRate();
@@ -263,6 +264,25 @@ void TestSimPty::overrideOverThePty()
     QCOMPARE(l.params.size(), 6);
     QCOMPARE(l.params[4], QString("APP"));
     QCOMPARE(ask(peer, "TEST").params.size(), 8);
+}
+
+void TestSimPty::reportsNobodyReadsAreNotKept()
+{
+    Options o = gnx234(4);
+    o.liveIntervalMs = 1;
+    PtySimulator sim(o);
+    QVERIFY(sim.start());
+    // About 170 kB of reports with nobody reading: more than the pty holds.
+    QTRY_VERIFY_WITH_TIMEOUT(sim.flashRecordCount() >= 2000, 60000);
+    sim.setLiveInterval(0);
+    PtyPeer peer(sim.slavePath()); // opening flushes what the pty holds, as the program does
+    sim.sendRawLine("MARK");
+    int stale = 0;
+    for (QByteArray l = peer.line(); !l.startsWith("$MARK*"); l = peer.line()) {
+        QVERIFY(!l.isEmpty());
+        ++stale;
+    }
+    QVERIFY2(stale < 10, qPrintable(QString::number(stale)));
 }
 
 void TestSimPty::stateFileKeepsTheDeviceAcrossRuns()
