@@ -1,6 +1,7 @@
 #include "sim/Device.h"
 
 #include "sim/Firmware.h"
+#include "sim/FlashLayout.h"
 #include "sim/Frame.h"
 
 #include <QJsonArray>

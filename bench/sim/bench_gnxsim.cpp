@@ -4,7 +4,7 @@
 
 #include "sim/Device.h"
 #include "sim/PtySimulator.h"
-#include "sim/RxReport.h"
+#include "sim/FlashLayout.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
 // Flash records of both generations, checked bit by bit against headers packed by hand.
 #include "sim/Device.h"
-#include "sim/RxReport.h"
+#include "sim/FlashLayout.h"
 
 #include <QTest>
 
