@@ -49,6 +49,12 @@ bool PtyTransport::open(QString* error)
 {
     if (m_master >= 0)
         return true;
+    const QFileInfo link(m_options.linkPath);
+    if (!m_options.linkPath.isEmpty() && link.exists() && !link.isSymLink()) {
+        if (error)
+            *error = QStringLiteral("%1 exists and is not a symbolic link").arg(m_options.linkPath);
+        return false;
+    }
     auto fail = [&](const char* what) {
         if (error)
             *error =

@@ -40,6 +40,7 @@ class TestSimPty : public QObject
 private slots:
     void answersOverThePty();
     void linkFollowsUnplugAndReplug();
+    void linkNeverReplacesAFile();
     void destructorStopsAndRemovesTheLink();
     void droppedReply();
     void corruptedChecksum();
@@ -97,6 +98,29 @@ void TestSimPty::linkFollowsUnplugAndReplug()
     QCOMPARE(ask(again, "TEST").params.size(), 8);
     sim.stop();
     QVERIFY(!QFileInfo(o.linkPath).isSymLink());
+}
+
+void TestSimPty::linkNeverReplacesAFile()
+{
+    QTemporaryDir dir;
+    QFile file(dir.filePath("keep.txt"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("precious");
+    file.close();
+    Options o = gnx234();
+    o.linkPath = file.fileName();
+    PtySimulator sim(o);
+    QVERIFY(!sim.start());
+    QVERIFY(sim.errorString().contains("is not a symbolic link"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("precious"));
+    // A link left behind by an earlier run is simply replaced.
+    const QString stale = dir.filePath("stale");
+    QVERIFY(QFile::link("/dev/null", stale));
+    o.linkPath = stale;
+    PtySimulator again(o);
+    QVERIFY(again.start());
+    QCOMPARE(QFileInfo(stale).symLinkTarget(), again.slavePath());
 }
 
 void TestSimPty::destructorStopsAndRemovesTheLink()
