@@ -68,7 +68,7 @@ int main(int argc, char** argv)
         {"gnx134-quirk", "NPR lines carry the GNX134 short checksum."},
         {"fault",
          "A fault, NAME=VALUE: drop-reply, corrupt, noise (probabilities), split (bytes), delay (ms).",
-         "spec"},
+         "name=value"},
         {"write-formats", "Write the GPS formats file that matches the seeded platforms and exit.", "file"},
         {"write-firmware", "Write a firmware file for the upload and exit.", "file"},
         {"version", "Firmware version text (with --write-firmware).", "text", "9.9.9"},
@@ -120,10 +120,10 @@ int main(int argc, char** argv)
     if (!sim.errorString().isEmpty())
         fprintf(stderr, "gnxsim: %s\n", qPrintable(sim.errorString()));
     ControlConsole console(sim);
-    for (const QString& spec : parser.values("fault")) {
-        const QString answer = console.execute("fault " + QString(spec).replace('=', ' '));
+    for (const QString& fault : parser.values("fault")) {
+        const QString answer = console.execute("fault " + QString(fault).replace('=', ' '));
         if (answer != "ok")
-            return fail(QStringLiteral("--fault %1: %2").arg(spec, answer));
+            return fail(QStringLiteral("--fault %1: %2").arg(fault, answer));
     }
     if (parser.isSet("gnx134-quirk"))
         sim.setGnx134ChecksumQuirk(true);
