@@ -3,6 +3,10 @@
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/Exception.h"
 
+#include <QtEndian>
+
+#include <cstring>
+
 namespace OrviaGonioManager::Utils {
 
 using Com::OrviaRxMessage_t;
@@ -34,83 +38,90 @@ QByteArray takePayload(const QByteArray& dump, qsizetype start, int bytes, const
     return QByteArray(dump.constData() + start, bytes);
 }
 
+// A header copied into a zero-padded buffer: every field read stays inside it, whatever the input.
+class HeaderBits
+{
+public:
+    HeaderBits(const uchar* header, qsizetype size, int headerSize)
+    {
+        if (header && size > 0)
+            std::memcpy(buf_, header, size_t(qMin<qsizetype>(size, headerSize)));
+    }
+
+    // first + 64 bits must lie inside the buffer: true for any field of either header.
+    quint32 bits(int first, int width) const
+    {
+        const quint64 word = qFromLittleEndian<quint64>(buf_ + first / 8);
+        return quint32((word >> (first % 8)) & ((quint64(1) << width) - 1));
+    }
+
+    qint32 signedBits(int first, int valueBits) const
+    {
+        qint64 value = bits(first, valueBits);
+        if (bits(first + valueBits, 1))
+            value -= qint64(1) << valueBits;
+        return qint32(value);
+    }
+
+private:
+    uchar buf_[FlashDecoder::kDumpHeaderSize + 8] = {};
+};
+
 } // namespace
-
-quint32 FlashDecoder::readBits(const uchar* data, qsizetype size, int first, int width)
-{
-    if (first < 0 || width <= 0 || !data)
-        return 0;
-    if (width > 32)
-        width = 32;
-    const qsizetype firstByte = first / 8;
-    const qsizetype lastByte = (qsizetype(first) + width - 1) / 8; // at most five bytes on
-    quint64 acc = 0;
-    for (qsizetype i = firstByte; i <= lastByte && i < size; ++i)
-        acc |= quint64(data[i]) << (8 * (i - firstByte));
-    acc >>= first % 8;
-    return quint32(acc & ((quint64(1) << width) - 1));
-}
-
-qint32 FlashDecoder::readSigned(const uchar* data, qsizetype size, int first, int valueBits)
-{
-    qint64 value = readBits(data, size, first, valueBits);
-    if (readBits(data, size, first + valueBits, 1))
-        value -= qint64(1) << valueBits;
-    return qint32(value);
-}
 
 QString FlashDecoder::platformIdText(quint32 platformId)
 {
     if (platformId > 0xFFFFFFF) // never from a header's 28 bits
         return QString::number(platformId, 16).toUpper();
     static const char digits[] = "0123456789ABCDEF";
-    QString text(7, QLatin1Char('0'));
-    QChar* const out = text.data();
+    QChar text[7];
     for (int i = 6; i >= 0; --i, platformId >>= 4)
-        out[i] = QLatin1Char(digits[platformId & 0xF]);
-    return text;
+        text[i] = QLatin1Char(digits[platformId & 0xF]);
+    return QString(text, 7);
 }
 
-OrviaRxMessage_t FlashDecoder::decodePlatformHeader(const uchar* h, qsizetype size, int& payloadBytes)
+OrviaRxMessage_t FlashDecoder::decodePlatformHeader(const uchar* header, qsizetype size, int& payloadBytes)
 {
+    const HeaderBits h(header, size, kPlatformHeaderSize);
     OrviaRxMessage_t m;
-    m.flagBit0 = readBits(h, size, 0, 1);
-    m.flagBit1 = readBits(h, size, 1, 1);
+    m.flagBit0 = h.bits(0, 1);
+    m.flagBit1 = h.bits(1, 1);
     m.flagBit2 = false;
-    setReceptionTime(m, readBits(h, size, 34, 7), readBits(h, size, 30, 4), readBits(h, size, 25, 5),
-                     readBits(h, size, 8, 5), readBits(h, size, 13, 6), readBits(h, size, 19, 6));
-    m.frequency = readBits(h, size, 41, 29);
-    m.direction = quint16(readBits(h, size, 70, 9));
-    m.v1FlashValue = qint16(readBits(h, size, 79, 9));
-    m.level = readSigned(h, size, 88, 9);
-    m.period = readBits(h, size, 98, 16);
-    m.gnxLatitude = readSigned(h, size, 114, 24) / 60000.0;
-    m.gnxLongitude = readSigned(h, size, 139, 23) / 60000.0; // one bit narrower than the latitude
-    m.gnxDirection = readBits(h, size, 163, 9);
-    payloadBytes = int(readBits(h, size, 173, 3) + 1) * 4;
+    setReceptionTime(m, h.bits(34, 7), h.bits(30, 4), h.bits(25, 5), h.bits(8, 5), h.bits(13, 6),
+                     h.bits(19, 6));
+    m.frequency = h.bits(41, 29);
+    m.direction = quint16(h.bits(70, 9));
+    m.v1FlashValue = qint16(h.bits(79, 9));
+    m.level = h.signedBits(88, 9);
+    m.period = h.bits(98, 16);
+    m.gnxLatitude = h.signedBits(114, 24) / 60000.0;
+    m.gnxLongitude = h.signedBits(139, 23) / 60000.0; // one bit narrower than the latitude
+    m.gnxDirection = h.bits(163, 9);
+    payloadBytes = int(h.bits(173, 3) + 1) * 4;
     return m;
 }
 
-OrviaRxMessage_t FlashDecoder::decodeDumpHeader(const uchar* h, qsizetype size, int& payloadBytes)
+OrviaRxMessage_t FlashDecoder::decodeDumpHeader(const uchar* header, qsizetype size, int& payloadBytes)
 {
+    const HeaderBits h(header, size, kDumpHeaderSize);
     OrviaRxMessage_t m;
     m.platformIndex = -1;
-    m.band = qint16(readBits(h, size, 0, 4));
-    m.flagBit0 = readBits(h, size, 4, 1);
-    m.flagBit1 = readBits(h, size, 5, 1);
-    m.flagBit2 = readBits(h, size, 6, 1);
-    m.platformId = platformIdText(readBits(h, size, 8, 28));
-    setReceptionTime(m, readBits(h, size, 66, 7), readBits(h, size, 62, 4), readBits(h, size, 57, 5),
-                     readBits(h, size, 40, 5), readBits(h, size, 45, 6), readBits(h, size, 51, 6));
-    m.frequency = readBits(h, size, 73, 29);
-    m.direction = quint16(readBits(h, size, 102, 9));
-    m.level = readSigned(h, size, 111, 9);
-    m.period = readBits(h, size, 121, 16);
-    m.gnxLatitude = readSigned(h, size, 137, 24) / 60000.0;
-    m.gnxLongitude = readSigned(h, size, 162, 23) / 60000.0; // one bit narrower than the latitude
-    m.gnxDirection = readBits(h, size, 186, 9);
-    m.extraCode = qint16(readBits(h, size, 195, 3));
-    payloadBytes = int(readBits(h, size, 198, 9) + 7) / 8;
+    m.band = qint16(h.bits(0, 4));
+    m.flagBit0 = h.bits(4, 1);
+    m.flagBit1 = h.bits(5, 1);
+    m.flagBit2 = h.bits(6, 1);
+    m.platformId = platformIdText(h.bits(8, 28));
+    setReceptionTime(m, h.bits(66, 7), h.bits(62, 4), h.bits(57, 5), h.bits(40, 5), h.bits(45, 6),
+                     h.bits(51, 6));
+    m.frequency = h.bits(73, 29);
+    m.direction = quint16(h.bits(102, 9));
+    m.level = h.signedBits(111, 9);
+    m.period = h.bits(121, 16);
+    m.gnxLatitude = h.signedBits(137, 24) / 60000.0;
+    m.gnxLongitude = h.signedBits(162, 23) / 60000.0; // one bit narrower than the latitude
+    m.gnxDirection = h.bits(186, 9);
+    m.extraCode = qint16(h.bits(195, 3));
+    payloadBytes = int(h.bits(198, 9) + 7) / 8;
     return m;
 }
 

@@ -26,15 +26,10 @@ public:
     // Single dump of all platforms, ended by a byte with its top bit set.
     static void decodeDump(const QByteArray& dump, const RecordSink& sink);
 
-    // One header each; bytes beyond size read as zero. payloadBytes receives the payload size that
-    // follows the header.
+    // One header each; bytes beyond size (or beyond the header) read as zero. payloadBytes receives
+    // the size of the payload that follows the header.
     static Com::OrviaRxMessage_t decodePlatformHeader(const uchar* header, qsizetype size, int& payloadBytes);
     static Com::OrviaRxMessage_t decodeDumpHeader(const uchar* header, qsizetype size, int& payloadBytes);
-
-    // Unsigned field of width bits (at most 32) from bit first; bits beyond size read as zero.
-    static quint32 readBits(const uchar* data, qsizetype size, int first, int width);
-    // Two's complement field: valueBits bits from first, the sign bit right after them.
-    static qint32 readSigned(const uchar* data, qsizetype size, int first, int valueBits);
 
     // A 28-bit identifier as 7 upper-case hexadecimal digits.
     static QString platformIdText(quint32 platformId);

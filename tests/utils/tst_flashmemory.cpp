@@ -7,6 +7,9 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <cstring>
+#include <memory>
+
 using OrviaGonioManager::Com::GnxLink;
 using OrviaGonioManager::Com::OrviaRxMessage_t;
 using OrviaGonioManager::Utils::FlashDecoder;
@@ -154,35 +157,42 @@ class TestFlashMemory : public QObject
     Q_OBJECT
 
 private slots:
-    void readBits_data()
+    // A short header reads as zeros beyond its end, never past it.
+    void shortHeader_data()
     {
-        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<int>("layout");
         QTest::addColumn<int>("size");
-        QTest::addColumn<int>("first");
-        QTest::addColumn<int>("width");
-        QTest::addColumn<quint32>("expected");
-
-        const QByteArray d = QByteArray::fromHex("0102030485");
-        QTest::newRow("low byte first") << d << 5 << 0 << 32 << 0x04030201u;
-        QTest::newRow("unaligned 32 bits") << d << 5 << 4 << 32 << 0x50403020u;
-        QTest::newRow("top bit of the last byte") << d << 5 << 39 << 1 << 1u;
-        QTest::newRow("wider than 32 is cut") << d << 5 << 0 << 40 << 0x04030201u;
-        QTest::newRow("stops at size") << d << 2 << 0 << 32 << 0x0201u;
-        QTest::newRow("all beyond size") << d << 2 << 16 << 8 << 0u;
-        QTest::newRow("empty") << d << 0 << 0 << 8 << 0u;
-        QTest::newRow("negative first") << d << 5 << -1 << 8 << 0u;
-        QTest::newRow("zero width") << d << 5 << 0 << 0 << 0u;
+        for (const int layout : {PlatformDump, SingleDump})
+            for (const int size : {0, 1, 9, 21, layout == PlatformDump ? 20 : 25})
+                QTest::addRow("%s, %d bytes", layout == PlatformDump ? "platform" : "single", size)
+                    << layout << size;
     }
 
-    void readBits()
+    void shortHeader()
     {
-        QFETCH(QByteArray, data);
+        QFETCH(int, layout);
         QFETCH(int, size);
-        QFETCH(int, first);
-        QFETCH(int, width);
-        QFETCH(quint32, expected);
-        QCOMPARE(FlashDecoder::readBits(reinterpret_cast<const uchar*>(data.constData()), size, first, width),
-                 expected);
+        const QByteArray full =
+            header(layout, {{"A", 0x1FFFFFFF}, {"lat", -1}, {layout == PlatformDump ? "code" : "bits", 7}});
+        // Heap copy of exactly size bytes, so that the address sanitizer sees any read past it.
+        std::unique_ptr<uchar[]> bytes(new uchar[size_t(qMax(size, 1))]);
+        std::memcpy(bytes.get(), full.constData(), size_t(size));
+        QByteArray truncated = full.left(size);
+        truncated.append(QByteArray(full.size() - size, '\0'));
+        int payloadBytes = -1;
+        int expectedBytes = -1;
+        OrviaRxMessage_t got, want;
+        if (layout == PlatformDump) {
+            got = FlashDecoder::decodePlatformHeader(size ? bytes.get() : nullptr, size, payloadBytes);
+            want = FlashDecoder::decodePlatformHeader(reinterpret_cast<const uchar*>(truncated.constData()),
+                                                      truncated.size(), expectedBytes);
+        } else {
+            got = FlashDecoder::decodeDumpHeader(size ? bytes.get() : nullptr, size, payloadBytes);
+            want = FlashDecoder::decodeDumpHeader(reinterpret_cast<const uchar*>(truncated.constData()),
+                                                  truncated.size(), expectedBytes);
+        }
+        QCOMPARE(payloadBytes, expectedBytes);
+        compareMembers(members(got), members(want));
     }
 
     void fieldLimits_data()
