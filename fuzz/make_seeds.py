@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora in fuzz/corpus/<target>/ from the cases the unit tests use."""
+import os
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def write(target, name, data):
+    d = os.path.join(HERE, "corpus", target)
+    os.makedirs(d, exist_ok=True)
+    with open(os.path.join(d, name), "wb") as f:
+        f.write(data if isinstance(data, bytes) else data.encode())
+
+
+def lsb(size, fields):
+    """Header bytes from (first, width, value) fields, least-significant bit first."""
+    bits = [0] * (size * 8)
+    for first, width, value in fields:
+        value &= (1 << width) - 1
+        for i in range(width):
+            bits[first + i] = (value >> i) & 1
+    return bytes(sum(bits[8 * b + i] << i for i in range(8)) for b in range(size))
+
+
+# GPS formats files.
+base = "Fmt A,TypeX,Maker,Desc,64,0,1,1,24,1,1,0,1,0,25,1,26,23,2,3,4,5,1,1,1021,10,16,26,40,7,2"
+write("fuzz_gpsformats", "one", "1\n" + base + "#\n")
+write("fuzz_gpsformats", "empty", "0\n")
+write("fuzz_gpsformats", "mixed",
+      "4\n\n" + base.replace("Fmt A", "Zulu") + "#\r\n" + base.replace("Desc", "a,b") + "\n" +
+      base.replace("Fmt A", "Alpha") + "\n" + base.replace("Fmt A", "Zulu").replace("Desc", "Later") + "\n" +
+      ",".join(base.split(",")[:30]) + "\n" + base.replace("Fmt A", "Mid"))
+write("fuzz_gpsformats", "odd_numbers",
+      "1\nX,,,Météo,-5,2147483648,-1,0,24,1,0,0,0,1,24,1,25,24,1,1,0,1,0,65536,-1,x,0,0,0,0,65535##\n")
+
+# Coordinate block (nine little-endian int32) then payload.
+def coord(block, payload):
+    return struct.pack("<9i", *block) + payload
+
+write("fuzz_position", "ninety", coord([0, 0, 0, 24, 1, 1, 0, 1, 0], bytes.fromhex("5265c0")))
+write("fuzz_position", "fold", coord([0, 0, 0, 24, 1, 1, 0, 1, 1], bytes.fromhex("5265c1")))
+write("fuzz_position", "sign11", coord([0, 2, 8, 8, 5000, 1, 0, 1, 0], bytes.fromhex("c00c")))
+write("fuzz_position", "nan", coord([0, 0, 0, 24, 1, 1, 0, 0, 0], bytes.fromhex("5265c0")))
+write("fuzz_position", "long_field", coord([-8, 8, 0, 40, 1, 1, 0, 1, 0], bytes.fromhex("0102030405")))
+
+# Per-platform dumps: 22-byte header, payload of (code + 1) * 4 bytes.
+def v1(a=1, code=0, lat=0, lon=0, level=0):
+    h = lsb(22, [(0, 1, 1), (8, 5, 12), (13, 6, 34), (19, 6, 56), (25, 5, 29), (30, 4, 2), (34, 7, 24),
+                 (41, 29, a), (70, 9, 511), (79, 9, 3), (88, 10, level), (98, 16, 90), (114, 25, lat),
+                 (139, 24, lon), (163, 9, 45), (173, 3, code)])
+    return h + bytes(range(1, (code + 1) * 4 + 1))
+
+prefix = lambda id7, index: bytes([1 if id7 else 0]) + struct.pack("<I", index)
+write("fuzz_flash_platform", "one", prefix(False, 5) + v1())
+write("fuzz_flash_platform", "two", prefix(True, 3) + v1() + v1(a=2, code=7, lat=-16777216, lon=-8388608, level=-512))
+write("fuzz_flash_platform", "extra_byte", prefix(False, 0) + v1() + b"\0")
+write("fuzz_flash_platform", "short_payload", prefix(False, 0) + v1(code=7)[:40])
+
+# Single dumps: 26-byte header, (bits + 7) / 8 payload bytes and one more byte.
+def v2(a=1, bits=32, ident=0x12345, k=0, lat=0):
+    h = lsb(26, [(0, 4, 3), (4, 3, 5), (8, 28, ident), (40, 5, 12), (45, 6, 34), (51, 6, 56), (57, 5, 29),
+                 (62, 4, 2), (66, 7, 24), (73, 29, a), (102, 9, 300), (111, 10, -120), (121, 16, 60),
+                 (137, 25, lat), (162, 24, -1), (186, 9, 7), (195, 3, k), (198, 9, bits)])
+    return h + bytes(range(1, (bits + 7) // 8 + 1)) + b"\0"
+
+write("fuzz_flash_dump", "one", v2() + b"\xff")
+write("fuzz_flash_dump", "two", v2() + v2(a=2, bits=511, ident=0xABCDEF0, k=2, lat=-16777216) + b"\x80")
+write("fuzz_flash_dump", "no_end_mark", v2())
+write("fuzz_flash_dump", "bad_header", v2() + b"\x7f")
+write("fuzz_flash_dump", "erased", b"\xff" * 64)
