@@ -3,8 +3,8 @@
 #include "SimWire.h"
 
 #include "sim/Device.h"
-#include "sim/PtySimulator.h"
 #include "sim/FlashLayout.h"
+#include "sim/PtySimulator.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
