@@ -1,17 +1,398 @@
 #include "com/GnxLink.h"
 
-// Placeholder bodies so that the enumerations and records can be used before the protocol
-// engine lands; replaced by the real implementation.
+#include "app/Settings.h"
+#include "com/GnxFrame.h"
+#include "com/UartLink.h"
+#include "mrl/utils/Exception.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QMetaEnum>
+#include <QRegularExpression>
+#include <QSerialPortInfo>
+#include <QThread>
+
+#include <utility>
 
 namespace OrviaGonioManager::Com {
 
-GnxLink::GnxLink(QObject* parent) : QObject(parent) {}
+namespace {
 
-GnxLink::~GnxLink() = default;
+constexpr int kFlashReadStep = 16384;
 
-void GnxLink::slotReplyReceived(QStringList, bool) {}
-void GnxLink::slotBinaryRfpDataReceived(QByteArray, bool) {}
-void GnxLink::slotErrorOccured(QString) {}
-void GnxLink::slotTimeout() {}
+[[noreturn]] void fail(const QString& message)
+{
+    throw MRL::Utils::Exception(message, 2);
+}
+
+// Sets a flag for the lifetime of a scope, exceptions included.
+class FlagScope
+{
+public:
+    explicit FlagScope(bool& flag) : flag_(flag) { flag_ = true; }
+    ~FlagScope() { flag_ = false; }
+
+private:
+    bool& flag_;
+};
+
+} // namespace
+
+GnxLink::GnxLink(QObject* parent) : QObject(parent), linkThread_(new QThread(this))
+{
+    linkThread_->setObjectName(QStringLiteral("GnxLink"));
+    qRegisterMetaType<GnxCmd_t>("GnxLink::GnxCmd_t");
+    qRegisterMetaType<GnxVersion_t>("GnxLink::GnxVersion_t");
+    qRegisterMetaType<GnxMessageType_t>("GnxLink::GnxMessageType_t");
+    qRegisterMetaType<RxOrigin_t>("GnxLink::RxOrigin_t");
+    qRegisterMetaType<OrviaRxMessage_t>("OrviaGonioManager::Com::OrviaRxMessage_t");
+
+    requestTimer_.setSingleShot(true);
+    requestTimer_.setTimerType(Qt::PreciseTimer);
+    connect(&requestTimer_, &QTimer::timeout, this, &GnxLink::slotTimeout);
+}
+
+GnxLink::~GnxLink()
+{
+    closeConnection();
+    linkThread_->quit();
+    linkThread_->wait();
+}
+
+// --- connection ----------------------------------------------------------------------------
+
+void GnxLink::openConnection(const QSerialPortInfo& portInfo)
+{
+    prepareThread();
+    startLink(new UartLink(portInfo));
+}
+
+void GnxLink::openConnection(const QString& portNameOrPath)
+{
+    prepareThread();
+    startLink(new UartLink(portNameOrPath));
+}
+
+// A previous connection's thread may still be winding down; its link goes with it.
+void GnxLink::prepareThread()
+{
+    closeConnection();
+    if (linkThread_->isRunning()) {
+        linkThread_->quit();
+        linkThread_->wait();
+    }
+    // Stale calls from the previous link are dropped now, while no link is set.
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    linkThread_->start(QThread::InheritPriority);
+}
+
+void GnxLink::startLink(UartLink* link)
+{
+    version_ = GNX_UNDEFINEDVERSION;
+    linkCompromised_ = false;
+    // Wakes a waiting request whenever the link changes state; the link calls it in its thread.
+    link->setStateListener([this] {
+        QMetaObject::invokeMethod(
+            this, [] {}, Qt::QueuedConnection);
+    });
+    link->moveToThread(linkThread_);
+
+    connect(this, &GnxLink::sigOpenConnection, link, &UartLink::slotOpenConnection, Qt::QueuedConnection);
+    connect(this, &GnxLink::sigSetLiveRxEnabled, link, &UartLink::slotSetLiveRxEnabled, Qt::QueuedConnection);
+    connect(this, &GnxLink::sigSendRequest, link, &UartLink::slotSendRequest, Qt::QueuedConnection);
+    connect(this, &GnxLink::sigSendManualGnxCmd, link, &UartLink::slotSendManualGnxCmd, Qt::QueuedConnection);
+    connect(this, &GnxLink::sigCloseConnection, link, &UartLink::slotCloseConnection, Qt::QueuedConnection);
+    connect(link, &UartLink::sigReplyReceived, this, &GnxLink::slotReplyReceived, Qt::QueuedConnection);
+    connect(link, &UartLink::sigBinaryRfpDataReceived, this, &GnxLink::slotBinaryRfpDataReceived,
+            Qt::QueuedConnection);
+    connect(link, &UartLink::sigRxReceived, this, &GnxLink::slotRxReceived, Qt::QueuedConnection);
+    connect(link, &UartLink::sigErrorOccured, this, &GnxLink::slotErrorOccured, Qt::QueuedConnection);
+
+    link_ = link;
+    emit sigOpenConnection();
+}
+
+void GnxLink::closeConnection()
+{
+    if (!link_)
+        return;
+    requestTimer_.stop();
+    version_ = GNX_UNDEFINEDVERSION;
+    UartLink* link = link_;
+    emit sigCloseConnection();
+    // Nothing more from or to this link; what it already sent is dropped.
+    disconnect(this, nullptr, link, nullptr);
+    disconnect(link, nullptr, this, nullptr);
+    link->deleteLater();
+    link_ = nullptr;
+    linkThread_->quit();
+
+    if (requestPending_) {
+        requestResult_ = 2;
+        errorMessage_ = QStringLiteral("Connection closed");
+        requestPending_ = false;
+    }
+}
+
+QString GnxLink::portName() const
+{
+    return link_ ? link_->portName() : QString();
+}
+
+void GnxLink::setLiveRxEnabled(bool enabled)
+{
+    emit sigSetLiveRxEnabled(enabled);
+}
+
+int GnxLink::maxPlatformsNumber() const
+{
+    switch (version_) {
+    case GNX_V1:
+        return 16;
+    case GNX_V2:
+        return 64;
+    default:
+        return 0;
+    }
+}
+
+// --- request engine ------------------------------------------------------------------------
+
+// One pass of the GUI event loop, sleeping until something arrives; user input stays queued.
+void GnxLink::pumpEvents()
+{
+    FlagScope waiting(waiting_);
+    QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents | QEventLoop::WaitForMoreEvents);
+}
+
+void GnxLink::waitForLink()
+{
+    if (!link_)
+        fail(QStringLiteral("UART link not available"));
+    if (waiting_)
+        fail(QStringLiteral("sendBlockingRequest recursively called"));
+    for (;;) {
+        if (link_->hasFailed())
+            fail(QStringLiteral("UART link not available"));
+        const UartLink::LinkStatus_t status = link_->status();
+        if (status == UartLink::UART_READY)
+            return;
+        if (status == UartLink::UART_ERROR_TIMEOUT)
+            fail(QStringLiteral("UART link timeout"));
+        pumpEvents();
+        if (!link_)
+            fail(QStringLiteral("UART link not available"));
+    }
+}
+
+void GnxLink::sendBlockingRequest(GnxCmd_t gnxCmd, const QStringList& params)
+{
+    if (recording_) {
+        recordedCommands_.append(QLatin1Char('$') + GnxFrame::seal(GnxFrame::commandLine(gnxCmd, params)));
+        return;
+    }
+    waitForLink();
+
+    requestPending_ = true;
+    requestResult_ = 0;
+    emit sigSendRequest(gnxCmd, params, version_);
+    // Twice the link's own time-out: the link normally reports first.
+    requestTimer_.start(2 * Utils::Settings::instance().gnxCommandTimeoutMs);
+    while (requestPending_)
+        pumpEvents();
+    requestTimer_.stop();
+
+    if (requestResult_ == 1)
+        fail(QStringLiteral("Error in reply: %1").arg(errorMessage_));
+    if (requestResult_ == 2)
+        fail(QStringLiteral("Link Error: %1").arg(errorMessage_));
+}
+
+void GnxLink::sendRequestAndCheck(GnxCmd_t gnxCmd, int paramsCount, const QStringList& params,
+                                  QList<int> acceptedCounts)
+{
+    QStringList padded = params;
+    while (padded.size() < paramsCount)
+        padded.append(QString());
+    sendBlockingRequest(gnxCmd, padded);
+    // A recorded command has no reply to check.
+    if (recording_)
+        return;
+    if (acceptedCounts.isEmpty())
+        acceptedCounts = {paramsCount};
+    if (acceptedCounts.contains(int(replyValues_.size())))
+        return;
+    fail(QStringLiteral("Unable to read reply of command %1 setup: bad parameters number.")
+             .arg(GnxFrame::mnemonic(gnxCmd)));
+}
+
+bool GnxLink::isFromCurrentLink() const
+{
+    // Direct calls (no sender) are accepted; a queued call from a closed link is not.
+    const QObject* from = sender();
+    return from == nullptr || from == link_.data();
+}
+
+void GnxLink::slotReplyReceived(QStringList replyValues, bool isError)
+{
+    if (!isFromCurrentLink())
+        return;
+    if (isError) {
+        requestResult_ = 1;
+        errorMessage_ = replyValues.value(0);
+        if (!requestPending_)
+            qWarning().noquote() << QStringLiteral("Error in unexpected message: %1").arg(errorMessage_);
+    } else {
+        requestResult_ = 0;
+        replyValues_ = replyValues;
+    }
+    requestPending_ = false;
+}
+
+void GnxLink::slotBinaryRfpDataReceived(QByteArray rfpData, bool isError)
+{
+    if (!isFromCurrentLink())
+        return;
+    if (isError) {
+        requestResult_ = 1;
+        errorMessage_ = QString::fromUtf8(rfpData);
+        if (!requestPending_)
+            qWarning().noquote() << QStringLiteral("Error in unexpected message: %1").arg(errorMessage_);
+    } else {
+        requestResult_ = 0;
+        binaryData_ = rfpData;
+    }
+    requestPending_ = false;
+}
+
+void GnxLink::slotErrorOccured(QString message)
+{
+    if (!isFromCurrentLink())
+        return;
+    requestResult_ = 2;
+    errorMessage_ = message;
+    requestPending_ = false;
+    // The owner tears the connection down on the first report; later ones add nothing.
+    if (link_ && !linkCompromised_) {
+        linkCompromised_ = true;
+        emit sigLinkCompromised(link_->portName(), message);
+    }
+}
+
+void GnxLink::slotTimeout()
+{
+    requestResult_ = 2;
+    errorMessage_ = QStringLiteral("Request interrupted");
+    requestPending_ = false;
+}
+
+// --- manual commands -----------------------------------------------------------------------
+
+void GnxLink::sendManualCommand(const QString& userCmd)
+{
+    waitForLink();
+
+    bool parseable = true;
+    if (userCmd.isEmpty()) {
+        qWarning().noquote() << QStringLiteral("Empty command");
+        parseable = false;
+    }
+
+    static const QRegularExpression pattern(
+        QStringLiteral("^(?<dollar>[\\$])?(?<payload>[^\\$\\*]+)(?<checksum>\\*[0-9A-F][0-9A-F]?)?$"));
+    const QRegularExpressionMatch match = pattern.match(userCmd);
+    QString working = userCmd;
+    if (match.capturedStart(u"dollar") >= 0)
+        working.remove(0, 1);
+
+    const QString payload = match.captured(u"payload");
+    if (payload.isEmpty()) {
+        if (parseable)
+            qWarning().noquote() << QStringLiteral("Command with an empty payload.");
+        parseable = false;
+    }
+
+    QString line = userCmd;
+    const quint8 expected = GnxFrame::checksum(payload + QLatin1Char('*'));
+    if (match.capturedStart(u"checksum") >= 0) {
+        // Sent as typed, wrong checksum included, so that the device's handling can be tried.
+        const uint given = match.captured(u"checksum").mid(1).toUInt(nullptr, 16);
+        if (given != expected) {
+            qWarning().noquote() << QStringLiteral("Wrong checksum provided (should be %1)")
+                                        .arg(GnxFrame::checksumText(expected));
+            emit sigSendManualGnxCmd(userCmd);
+            return;
+        }
+    } else if (parseable) {
+        line = QLatin1Char('$') + working + QLatin1Char('*') + GnxFrame::checksumText(expected);
+    }
+
+    if (parseable) {
+        const QStringList fields = payload.split(QLatin1Char(','));
+        const QByteArray key = "CMD_" + fields.first().toLatin1();
+        bool known = false;
+        const int value = QMetaEnum::fromType<GnxCmd_t>().keyToValue(key.constData(), &known);
+        // The keep-alive is the link's own business.
+        if (known && value != CMD_KEEPALIVE_INTERNAL) {
+            sendBlockingRequest(GnxCmd_t(value), fields.mid(1));
+            return;
+        }
+    }
+    emit sigSendManualGnxCmd(line);
+}
+
+// --- flash memory --------------------------------------------------------------------------
+
+QByteArray GnxLink::readFlashMemory()
+{
+    sendBlockingRequest(CMD_IFP);
+    const qint64 start = replyValues_.value(0).trimmed().toLongLong();
+    const qint64 end = replyValues_.value(1).trimmed().toLongLong();
+    qInfo().noquote() << QStringLiteral("Read %1 bytes of data from flash memory...").arg(end - start);
+
+    QByteArray data;
+    for (qint64 position = start; position < end; position += kFlashReadStep) {
+        binaryData_.clear();
+        sendBlockingRequest(CMD_RFP, {QString::number(position), QString::number(kFlashReadStep)});
+        data += binaryData_;
+    }
+    return data;
+}
+
+QByteArray GnxLink::readPlatformFlashMemory(int platformIndex)
+{
+    qInfo().noquote()
+        << QStringLiteral("Read data from flash memory for platform at index %1...").arg(platformIndex);
+    binaryData_.clear();
+    sendBlockingRequest(CMD_RFP, {QString::number(platformIndex)});
+    return binaryData_;
+}
+
+void GnxLink::deletePlatformFlashMemory(int platformIndex)
+{
+    qInfo().noquote()
+        << QStringLiteral("Delete data from flash memory for platform at index %1...").arg(platformIndex);
+    sendBlockingRequest(CMD_DFP, {QString::number(platformIndex)});
+}
+
+void GnxLink::deleteFlashMemory()
+{
+    qInfo().noquote() << QStringLiteral("Delete data from flash memory...");
+    sendBlockingRequest(CMD_DFP);
+}
+
+// --- recording -----------------------------------------------------------------------------
+
+void GnxLink::startRecording()
+{
+    recordedCommands_.clear();
+    recording_ = true;
+}
+
+QStringList GnxLink::takeRecordedCommands()
+{
+    recording_ = false;
+    return std::exchange(recordedCommands_, {});
+}
 
 } // namespace OrviaGonioManager::Com

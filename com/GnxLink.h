@@ -327,6 +327,12 @@ public slots:
     void slotTimeout();
 
 private:
+    void prepareThread();
+    void startLink(UartLink* link);
+    void waitForLink();
+    void pumpEvents();
+    bool isFromCurrentLink() const;
+
     QThread* linkThread_ = nullptr;
     QPointer<UartLink> link_;
     GnxVersion_t version_ = GNX_UNDEFINEDVERSION;
@@ -340,6 +346,7 @@ private:
     bool recording_ = false;
     QStringList recordedCommands_;
     QString serialNumber_;
+    bool linkCompromised_ = false; // reported once per connection
 };
 
 } // namespace OrviaGonioManager::Com

@@ -90,6 +90,8 @@ void UartLink::init()
 
     keepAliveTimer_.setSingleShot(true);
     replyTimer_.setSingleShot(true);
+    // A coarse timer may fire 5% early: a time-out is never declared before its time.
+    replyTimer_.setTimerType(Qt::PreciseTimer);
     connect(&keepAliveTimer_, &QTimer::timeout, this, &UartLink::slotKeepAlive);
     connect(&replyTimer_, &QTimer::timeout, this, &UartLink::slotTimeout);
     connect(&serialPort_, &QSerialPort::errorOccurred, this, &UartLink::onPortError);
@@ -150,6 +152,7 @@ void UartLink::slotOpenConnection()
 
 void UartLink::slotCloseConnection()
 {
+    deferred_.reset();
     keepAliveTimer_.stop();
     replyTimer_.stop();
     if (serialPort_.isOpen())
@@ -221,6 +224,13 @@ void UartLink::dropPort(const QString& message)
 
 void UartLink::slotSendRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params, GnxLink::GnxVersion_t gnxVersion)
 {
+    // The keep-alive timer may have fired after the requester saw the link ready: the command
+    // goes out as soon as the keep-alive is answered.
+    if (status() == UART_WAITING_REPLY && lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL &&
+        gnxCmd != GnxLink::CMD_KEEPALIVE_INTERNAL && !hasFailed() && !deferred_) {
+        deferred_ = DeferredRequest{gnxCmd, params, gnxVersion};
+        return;
+    }
     if (status() != UART_READY || hasFailed())
         throw MRL::Utils::Exception(QStringLiteral("UartLink is not available"), 2);
 
@@ -265,8 +275,18 @@ void UartLink::slotKeepAlive()
     slotSendRequest(GnxLink::CMD_KEEPALIVE_INTERNAL, {}, GnxLink::GNX_UNDEFINEDVERSION);
 }
 
+void UartLink::sendDeferred()
+{
+    if (!deferred_ || status() != UART_READY)
+        return;
+    const DeferredRequest request = *deferred_;
+    deferred_.reset();
+    slotSendRequest(request.cmd, request.params, request.version);
+}
+
 void UartLink::slotTimeout()
 {
+    deferred_.reset();
     emit sigErrorOccured(QStringLiteral("Uart link timeout"));
     setStatus(UART_ERROR_TIMEOUT);
     if (lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL)
@@ -292,6 +312,7 @@ void UartLink::processLines()
         const QByteArray raw = lineBuffer_.left(end);
         lineBuffer_.remove(0, end + 1);
         handleLine(QString::fromLatin1(raw).trimmed());
+        sendDeferred();
     }
     if (lineBuffer_.size() > kMaxLineBytes) {
         qWarning().noquote() << GnxFrame::undecodableWarning(shortened(lineBuffer_));
@@ -491,8 +512,8 @@ bool UartLink::parseBinaryFrame()
     return false;
 }
 
-// Leaves the buffer at a frame header. A whole text line met instead (a report sent during the
-// answer) is handled as a line; other bytes are dropped with a warning.
+// Leaves the buffer at a frame header. A whole text line met instead (a report, or a refusal of
+// the read) is handled as an answer line; other bytes are dropped with a warning.
 bool UartLink::skipToFrameHeader()
 {
     static const QByteArray header("$RFP,");
@@ -506,7 +527,11 @@ bool UartLink::skipToFrameHeader()
                 return false;
             const QByteArray raw = binaryBuffer_.left(end);
             binaryBuffer_.remove(0, end + 1);
-            handleLine(QString::fromLatin1(raw).trimmed());
+            // A refusal ends the read; a crossing report leaves it waiting.
+            const QString line = QString::fromLatin1(raw).trimmed();
+            if (settings().printAtCmdDebugInfo)
+                qDebug().noquote() << QStringLiteral("Receive %1").arg(line);
+            handleReply(line);
             continue;
         }
         const int next = binaryBuffer_.indexOf('$');

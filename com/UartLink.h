@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 
 namespace OrviaGonioManager::Com {
 
@@ -87,6 +88,7 @@ private:
     void onPortError(QSerialPort::SerialPortError error);
     void dropPort(const QString& message);
 
+    void sendDeferred();
     void processLines();
     void handleLine(const QString& line);
     bool decode(const QString& line, GnxFrame::DecodedLine& decoded);
@@ -125,6 +127,14 @@ private:
     std::atomic<bool> portOpen_{false};
     bool portLost_ = false;
     std::function<void()> stateListener_;
+
+    struct DeferredRequest
+    {
+        GnxLink::GnxCmd_t cmd;
+        QStringList params;
+        GnxLink::GnxVersion_t version;
+    };
+    std::optional<DeferredRequest> deferred_;
 };
 
 } // namespace OrviaGonioManager::Com

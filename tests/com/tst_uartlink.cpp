@@ -258,6 +258,29 @@ private slots:
         QCOMPARE(errors.count(), 0);
     }
 
+    void requestDuringKeepAlive()
+    {
+        auto& settings = TestSupport::sandboxSettings();
+        settings.keepAlivePeriodMs = 50;
+        settings.keepAliveTimeoutMs = 10000;
+        openLink();
+        QSignalSpy replies(link.get(), &UartLink::sigReplyReceived);
+        QTRY_COMPARE(device->lines, QList<QByteArray>{"$TEST*3C"});
+        QCOMPARE(link->status(), UartLink::UART_WAITING_REPLY);
+
+        // A command arriving while the keep-alive is out goes once it is answered.
+        link->slotSendRequest(GnxLink::CMD_GSN, {}, GnxLink::GNX_V2);
+        QCOMPARE(device->lines.size(), 1);
+        device->write(frame("TEST,GNX234"));
+        QTRY_COMPARE(device->lines.size(), 2);
+        QCOMPARE(device->lines.last(), QByteArray("$GSN*70"));
+        QCOMPARE(link->status(), UartLink::UART_WAITING_REPLY);
+        device->write(frame("GSN,12,345"));
+        QVERIFY(replies.wait(5000));
+        QCOMPARE(replies.first().at(0).toStringList(), (QStringList{"12", "345"}));
+        QVERIFY(CatchingApplication::caught().isEmpty());
+    }
+
     void keepAliveTimeout()
     {
         auto& settings = TestSupport::sandboxSettings();
