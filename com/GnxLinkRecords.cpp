@@ -6,7 +6,8 @@
 #include <QMetaEnum>
 
 // Identification, status, setups and clock: the records filled from CMD_TEST, CMD_GSN, CMD_LIG,
-// CMD_SETUPSW and CMD_SETUPHW replies. Numbers are read leniently: what does not parse is 0.
+// CMD_SETUPSW and CMD_SETUPHW replies. Numbers are read leniently: what does not parse is 0, and a
+// missing field (a reader run while recording gets no reply) is empty.
 
 namespace OrviaGonioManager::Com {
 
@@ -85,12 +86,12 @@ GnxLink::GnxDeviceInfo GnxLink::readDeviceInfo()
         version_ = GNX_V1; // this generation does not report its mode
     } else if (test.size() == 6) {
         version_ = GNX_V2;
-        if (test.at(4) != QLatin1String("BL"))
+        if (test.value(4) != QLatin1String("BL"))
             throw MRL::Utils::Exception(QStringLiteral("Unknown mode, should be BL"), 2);
         // The bootloader answers nothing else.
         info.version = version_;
         info.mode = GNX_BL;
-        info.bootloaderVersion = test.at(5);
+        info.bootloaderVersion = test.value(5);
         info.serialNumberPart1 = kUnknown;
         info.serialNumberPart2 = kUnknown;
         info.applicationVersion = kUnknown;
@@ -99,7 +100,7 @@ GnxLink::GnxDeviceInfo GnxLink::readDeviceInfo()
         return info;
     } else {
         version_ = GNX_V2;
-        if (test.at(4) != QLatin1String("APP"))
+        if (test.value(4) != QLatin1String("APP"))
             throw MRL::Utils::Exception(QStringLiteral("Unknown mode, should be APP"), 2);
         info.mode = GNX_APP;
     }
@@ -108,31 +109,31 @@ GnxLink::GnxDeviceInfo GnxLink::readDeviceInfo()
 
     sendRequestAndCheck(CMD_GSN, 0, {}, {v1 ? 1 : 2});
     if (v1) {
-        const QStringList parts = replyValues_.at(0).split(QLatin1Char('-'));
+        const QStringList parts = replyValues_.value(0).split(QLatin1Char('-'));
         info.serialNumberPart1 = parts.value(0).rightJustified(4, QLatin1Char('0'));
         info.serialNumberPart2 = parts.value(1);
     } else {
-        info.serialNumberPart1 = replyValues_.at(0).rightJustified(4, QLatin1Char('0'));
-        info.serialNumberPart2 = replyValues_.at(1);
+        info.serialNumberPart1 = replyValues_.value(0).rightJustified(4, QLatin1Char('0'));
+        info.serialNumberPart2 = replyValues_.value(1);
     }
     serialNumber_ = info.serialNumberPart1;
 
     sendRequestAndCheck(CMD_LIG, 0, {}, {v1 ? 15 : 16});
     const QStringList status = replyValues_;
-    const quint16 flags = toU16(status.at(0));
+    const quint16 flags = toU16(status.value(0));
     info.statusBit0 = flags & 0x1;
     info.statusBit1 = flags & 0x2;
-    info.latitude = double(toSigned(status.at(1))) / 60000.0;
-    info.longitude = double(toSigned(status.at(2))) / 60000.0;
-    info.direction = toU16(status.at(3));
-    info.voltage = double(toU16(status.at(4))) / 1000.0;
-    info.temperature = toU16(status.at(5));
+    info.latitude = double(toSigned(status.value(1))) / 60000.0;
+    info.longitude = double(toSigned(status.value(2))) / 60000.0;
+    info.direction = toU16(status.value(3));
+    info.voltage = double(toU16(status.value(4))) / 1000.0;
+    info.temperature = toU16(status.value(5));
     // The versions follow the clock; GNX234 puts its band first.
     const int versions = v1 ? 12 : 13;
-    info.band = v1 ? ORVIABAND_B1 : toEnum(status.at(12), ORVIABAND_INVALID);
-    info.applicationVersion = status.at(versions);
-    info.bootloaderVersion = status.at(versions + 1);
-    info.fpgaVersion = status.at(versions + 2);
+    info.band = v1 ? ORVIABAND_B1 : toEnum(status.value(12), ORVIABAND_INVALID);
+    info.applicationVersion = status.value(versions);
+    info.bootloaderVersion = status.value(versions + 1);
+    info.fpgaVersion = status.value(versions + 2);
     return info;
 }
 
@@ -146,20 +147,21 @@ GnxLink::SetupSoftware GnxLink::getSetupSoftware()
     const QStringList r = replyValues_;
 
     SetupSoftware setup;
-    setup.audio = toBool(r.at(0));
-    setup.backlight = toBool(r.at(1));
-    setup.contrast = toU16(r.at(2));
-    setup.gpsAcquisition = toBool(r.at(3));
-    setup.coordType = toEnum(r.at(4), COORDTYPE_DEG);
-    setup.distType = toEnum(r.at(5), DISTTYPE_KM);
-    setup.directionOffset = toU16(r.at(6));
-    const MRL::Utils::DateTime date = MRL::Utils::DateTime::fromUtc(
-        2000 + toU16(r.at(7)), toU16(r.at(8)), toU16(r.at(9)), toU16(r.at(10)), toU16(r.at(11)), 0);
+    setup.audio = toBool(r.value(0));
+    setup.backlight = toBool(r.value(1));
+    setup.contrast = toU16(r.value(2));
+    setup.gpsAcquisition = toBool(r.value(3));
+    setup.coordType = toEnum(r.value(4), COORDTYPE_DEG);
+    setup.distType = toEnum(r.value(5), DISTTYPE_KM);
+    setup.directionOffset = toU16(r.value(6));
+    const MRL::Utils::DateTime date =
+        MRL::Utils::DateTime::fromUtc(2000 + toU16(r.value(7)), toU16(r.value(8)), toU16(r.value(9)),
+                                      toU16(r.value(10)), toU16(r.value(11)), 0);
     setup.mjd = date.mjd();
     setup.secondsOfDay = date.secondsOfDay();
     if (!v1) {
-        setup.band = toEnum(r.at(12), ORVIABAND_INVALID);
-        setup.allToFavorites = toBool(r.at(13));
+        setup.band = toEnum(r.value(12), ORVIABAND_INVALID);
+        setup.allToFavorites = toBool(r.value(13));
     }
     return setup;
 }
@@ -199,13 +201,13 @@ GnxLink::SetupHardware GnxLink::getSetupHardware()
     const QStringList r = replyValues_;
 
     SetupHardware setup;
-    setup.directionMode = toEnum(r.at(0), DIRECTIONMODE_Goniometry);
-    setup.antennaPosition = toEnum(r.at(1), ANTENNAPOSITION_High);
-    setup.cableLength = qint32(r.at(2).trimmed().toInt());
-    setup.antennaType = toEnum(r.at(3), ANTENNATYPE_ANX234);
-    setup.compassMode = toEnum(r.at(4), COMPASSMODE_Undefined);
-    setup.declination = r.at(5);
-    setup.proximityMode = v1 ? false : toBool(r.at(6));
+    setup.directionMode = toEnum(r.value(0), DIRECTIONMODE_Goniometry);
+    setup.antennaPosition = toEnum(r.value(1), ANTENNAPOSITION_High);
+    setup.cableLength = qint32(r.value(2).trimmed().toInt());
+    setup.antennaType = toEnum(r.value(3), ANTENNATYPE_ANX234);
+    setup.compassMode = toEnum(r.value(4), COMPASSMODE_Undefined);
+    setup.declination = r.value(5);
+    setup.proximityMode = v1 ? false : toBool(r.value(6));
     return setup;
 }
 

@@ -592,6 +592,16 @@ private slots:
         QCOMPARE(gnx->readFlashMemory(), QByteArray());
     }
 
+    void flashReadInPieces()
+    {
+        startIdentified(gnxsim::Model::Gnx234, 3, 60);
+        gnxsim::Faults pieces;
+        pieces.splitBytes = 7;
+        sim->setFaults(pieces);
+        const QByteArray records = sim->flashBytes();
+        QCOMPARE(gnx->readFlashMemory().left(records.size()), records);
+    }
+
     void gnx134PlatformFlash()
     {
         MessageLog log;
@@ -607,15 +617,6 @@ private slots:
                  (QStringList{"Read data from flash memory for platform at index 1...",
                               "Delete data from flash memory for platform at index 1...",
                               "Read data from flash memory for platform at index 1..."}));
-    }
-
-    void tables()
-    {
-        QCOMPARE(GnxLink::bandDescription(GnxLink::ORVIABAND_B5),
-                 QStringLiteral("B5: 401.310 MHz to 401.390 MHz (A2, A3, ZE-A3, VLD-A4)"));
-        QCOMPARE(GnxLink::bandDescription(GnxLink::ORVIABAND_INVALID), QString());
-        QCOMPARE(GnxLink::platformTitles().value(1).last(), QStringLiteral("Mean Direction Values"));
-        QCOMPARE(GnxLink::platformTitles().value(2).size(), 8);
     }
 };
 

@@ -339,6 +339,29 @@ private slots:
         QTRY_COMPARE(rx.count(), 1);
     }
 
+    void binaryFlashAnswerAmongOtherBytes()
+    {
+        openLink();
+        QSignalSpy data(link.get(), &UartLink::sigBinaryRfpDataReceived);
+        QSignalSpy rx(link.get(), &UartLink::sigRxReceived);
+        QSignalSpy replies(link.get(), &UartLink::sigReplyReceived);
+        send(GnxLink::CMD_RFP, {"0", "200"}, GnxLink::GNX_V2);
+        // Line noise and a report before the answer are no part of the data.
+        const QByteArray flash = sampleFlash(200);
+        device->write("#%\r\n" + frame("NPRF,5") + flashAnswer(flash));
+        QVERIFY(data.wait(5000));
+        QCOMPARE(data.first().at(0).toByteArray(), flash + QByteArray(56, char(0xFF)));
+        QCOMPARE(rx.count(), 1);
+        QCOMPARE(link->status(), UartLink::UART_READY);
+
+        // A refused read ends at once.
+        send(GnxLink::CMD_RFP, {"x", "200"}, GnxLink::GNX_V2);
+        device->write(frame("ACK,0"));
+        QVERIFY(replies.wait(5000));
+        QCOMPARE(replies.first().at(0).toStringList(), QStringList{"Invalid command: \"$RFP,x,200*24\""});
+        QCOMPARE(link->status(), UartLink::UART_READY);
+    }
+
     void binaryFlashAnswerStalls()
     {
         auto& settings = TestSupport::sandboxSettings();
