@@ -62,7 +62,7 @@ void GnxLink::uploadFirmware(const QList<QByteArray>& lines)
         const auto percent = quint8(double(n) * 100.0 / double(total));
         if (percent != previousPercent) {
             qInfo().noquote()
-                << QStringLiteral("%1% uploaded (line %2 on %3)...").arg(percent).arg(n).arg(total);
+                << QStringLiteral("%1% uploaded (line %2 on %3)...").arg(int(percent)).arg(n).arg(total);
             previousPercent = percent;
         }
         sendBlockingRequest(CMD_WRDA, {QString::fromUtf8(records[n - 1])});
