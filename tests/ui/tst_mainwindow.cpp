@@ -23,7 +23,10 @@ namespace {
 
 struct LogCapture
 {
-    LogCapture() { QObject::connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &ctx, record); }
+    LogCapture()
+    {
+        QObject::connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &ctx, record);
+    }
     int count(int type, const QString& text) const
     {
         int n = 0;
@@ -116,6 +119,40 @@ private:
         QVERIFY(ui()->lineEditVersionsStatus->text().startsWith("Connected at "));
     }
 
+    struct Edit
+    {
+        const char* what;
+        std::function<void()> change;
+        int index; // field that must change on the device
+        bool v2Only;
+    };
+
+    // Each edit sends the whole record built from all widgets (one write), then reads it back;
+    // only the edited field changes on the device, and a software edit leaves the clock alone.
+    void checkEdits(const QList<Edit>& edits, bool gnx134, bool software)
+    {
+        const QString read = software ? "SETUPSW" + QString(",").repeated(gnx134 ? 12 : 14)
+                                      : "SETUPHW" + QString(",").repeated(gnx134 ? 6 : 7);
+        const auto snapshot = [&] { return software ? sim_->softwareSetup() : sim_->hardwareSetup(); };
+        for (const Edit& edit : edits) {
+            if (edit.v2Only && gnx134)
+                continue;
+            const QStringList before = snapshot();
+            sim_->clearReceived();
+            edit.change();
+            const QStringList after = snapshot();
+            const QStringList received = sim_->receivedLines();
+            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
+            QCOMPARE(writesOf(received, read.section(',', 0, 0)).size(), 1);
+            QCOMPARE(received.last(), read);
+            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
+            for (int i = 0; i < after.size(); ++i)
+                if (i != edit.index && !(software && i >= 7 && i <= 11))
+                    QVERIFY2(after[i] == before[i],
+                             qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
+        }
+    }
+
 private slots:
     void initTestCase()
     {
@@ -202,52 +239,45 @@ private slots:
         showWindow({sim_->slavePath()});
         connectTo(sim_->slavePath());
 
-        // Each edit sends the whole record built from all widgets, then reads it back.
-        struct Edit
-        {
-            const char* what;
-            std::function<void()> change;
-            int index; // field that must change on the device
-            bool v2Only;
-        };
         const QList<Edit> softwareEdits{
             {"audio", [&] { ui()->checkBoxSetupSoftwareAudio->toggle(); }, 0, false},
             {"backlight", [&] { ui()->checkBoxSetupSoftwareBacklight->toggle(); }, 1, false},
-            {"contrast", [&] { ui()->horizontalSliderSetupSoftwareConstrast->setValue(
-                                   (ui()->horizontalSliderSetupSoftwareConstrast->value() + 7) % 40); },
+            {"contrast",
+             [&] {
+                 ui()->horizontalSliderSetupSoftwareConstrast->setValue(
+                     (ui()->horizontalSliderSetupSoftwareConstrast->value() + 7) % 40);
+             },
              2, false},
             {"gps", [&] { ui()->checkBoxSetupSoftwareGpsAcquisition->toggle(); }, 3, false},
-            {"coord", [&] { ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(
-                                (ui()->comboBoxSetupSoftwareCoordType->currentIndex() + 1) % 3); },
+            {"coord",
+             [&] {
+                 ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(
+                     (ui()->comboBoxSetupSoftwareCoordType->currentIndex() + 1) % 3);
+             },
              4, false},
-            {"dist", [&] { ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(
-                               (ui()->comboBoxSetupSoftwareDistType->currentIndex() + 1) % 3); },
+            {"dist",
+             [&] {
+                 ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(
+                     (ui()->comboBoxSetupSoftwareDistType->currentIndex() + 1) % 3);
+             },
              5, false},
-            {"offset", [&] { ui()->spinBoxSetupSoftwareDirectionOffset->setValue(
-                                 (ui()->spinBoxSetupSoftwareDirectionOffset->value() + 11) % 360); },
+            {"offset",
+             [&] {
+                 ui()->spinBoxSetupSoftwareDirectionOffset->setValue(
+                     (ui()->spinBoxSetupSoftwareDirectionOffset->value() + 11) % 360);
+             },
              6, false},
-            {"band", [&] { ui()->comboBoxSetupSoftwareOrviaBand->setCurrentIndex(
-                               (ui()->comboBoxSetupSoftwareOrviaBand->currentIndex() + 1) % 9); },
+            {"band",
+             [&] {
+                 ui()->comboBoxSetupSoftwareOrviaBand->setCurrentIndex(
+                     (ui()->comboBoxSetupSoftwareOrviaBand->currentIndex() + 1) % 9);
+             },
              12, true},
             {"favorites", [&] { ui()->checkBoxSetupSoftwareAllToFavorites->toggle(); }, 13, true},
         };
-        for (const Edit& edit : softwareEdits) {
-            if (edit.v2Only && gnx134)
-                continue;
-            const QStringList before = sim_->softwareSetup();
-            sim_->clearReceived();
-            edit.change();
-            const QStringList after = sim_->softwareSetup();
-            const QStringList received = sim_->receivedLines();
-            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
-            QCOMPARE(writesOf(received, "SETUPSW").size(), 1);
-            QCOMPARE(received.last(), QString("SETUPSW") + QString(",").repeated(gnx134 ? 12 : 14));
-            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
-            // Only the edited field changed; the clock fields are left alone.
-            for (int i = 0; i < after.size(); ++i)
-                if (i != edit.index && (i < 7 || i > 11))
-                    QVERIFY2(after[i] == before[i], qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
-        }
+        checkEdits(softwareEdits, gnx134, true);
+        if (QTest::currentTestFailed())
+            return;
         // The widgets show the read-back.
         const QStringList device = sim_->softwareSetup();
         QCOMPARE(QString::number(ui()->checkBoxSetupSoftwareAudio->isChecked()), device[0]);
@@ -255,43 +285,46 @@ private slots:
         QCOMPARE(QString::number(ui()->spinBoxSetupSoftwareDirectionOffset->value()), device[6]);
 
         const QList<Edit> hardwareEdits{
-            {"direction mode", [&] { ui()->comboBoxHardwareDirectionMode->setCurrentIndex(
-                                         1 - ui()->comboBoxHardwareDirectionMode->currentIndex()); },
+            {"direction mode",
+             [&] {
+                 ui()->comboBoxHardwareDirectionMode->setCurrentIndex(
+                     1 - ui()->comboBoxHardwareDirectionMode->currentIndex());
+             },
              0, false},
-            {"antenna position", [&] { ui()->comboBoxHardwareAntennaPosition->setCurrentIndex(
-                                           1 - ui()->comboBoxHardwareAntennaPosition->currentIndex()); },
+            {"antenna position",
+             [&] {
+                 ui()->comboBoxHardwareAntennaPosition->setCurrentIndex(
+                     1 - ui()->comboBoxHardwareAntennaPosition->currentIndex());
+             },
              1, false},
-            {"cable", [&] { ui()->spinBoxHardwareCableLength->setValue(
-                                ui()->spinBoxHardwareCableLength->value() + 5); },
+            {"cable",
+             [&] {
+                 ui()->spinBoxHardwareCableLength->setValue(ui()->spinBoxHardwareCableLength->value() + 5);
+             },
              2, false},
-            {"antenna type", [&] { ui()->comboBoxHardwareAntennaMode->setCurrentIndex(
-                                       (ui()->comboBoxHardwareAntennaMode->currentIndex() + 1) % 3); },
+            {"antenna type",
+             [&] {
+                 ui()->comboBoxHardwareAntennaMode->setCurrentIndex(
+                     (ui()->comboBoxHardwareAntennaMode->currentIndex() + 1) % 3);
+             },
              3, false},
-            {"compass", [&] { ui()->comboBoxHardwareCompassMode->setCurrentIndex(
-                                  (ui()->comboBoxHardwareCompassMode->currentIndex() + 1) % 4); },
+            {"compass",
+             [&] {
+                 ui()->comboBoxHardwareCompassMode->setCurrentIndex(
+                     (ui()->comboBoxHardwareCompassMode->currentIndex() + 1) % 4);
+             },
              4, false},
-            {"declination", [&] {
+            {"declination",
+             [&] {
                  ui()->lineEditHardwareDeclination->setText("E12.5");
                  emit ui()->lineEditHardwareDeclination->editingFinished();
              },
              5, false},
             {"proximity", [&] { ui()->checkBoxHardwareProximityMode->toggle(); }, 6, true},
         };
-        for (const Edit& edit : hardwareEdits) {
-            if (edit.v2Only && gnx134)
-                continue;
-            const QStringList before = sim_->hardwareSetup();
-            sim_->clearReceived();
-            edit.change();
-            const QStringList after = sim_->hardwareSetup();
-            const QStringList received = sim_->receivedLines();
-            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
-            QCOMPARE(received.last(), QString("SETUPHW") + QString(",").repeated(gnx134 ? 6 : 7));
-            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
-            for (int i = 0; i < after.size(); ++i)
-                if (i != edit.index)
-                    QVERIFY2(after[i] == before[i], qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
-        }
+        checkEdits(hardwareEdits, gnx134, false);
+        if (QTest::currentTestFailed())
+            return;
         QCOMPARE(ui()->lineEditHardwareDeclination->text(), sim_->hardwareSetup().value(5));
 
         // The date-time widget has its own command, which sets the clock to the minute.
@@ -345,7 +378,8 @@ private slots:
 
         LogCapture logs;
         connectTo(second);
-        QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + first + " (Disconnection of currently connected GNX)."),
+        QCOMPARE(logs.count(QtInfoMsg,
+                            "Disconnection of " + first + " (Disconnection of currently connected GNX)."),
                  1);
         QVERIFY(!window_->portAction(first)->isChecked());
         QVERIFY(window_->portAction(second)->isChecked());
@@ -393,7 +427,8 @@ private slots:
         LogCapture logs;
         dialogs_->answers << QMessageBox::Yes;
         ui()->pushButtonSwitchMode->click();
-        QCOMPARE(dialogs_->questions.last(), QString("Switch mode?|Are you sure you want to switch to BL/APP mode?"));
+        QCOMPARE(dialogs_->questions.last(),
+                 QString("Switch mode?|Are you sure you want to switch to BL/APP mode?"));
         QCOMPARE(sim_->mode(), gnxsim::Mode::Bl);
         QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (Please reconnect to GNX)."), 1);
         QVERIFY(window_->connectedPort().isEmpty());
@@ -408,9 +443,11 @@ private slots:
         QCOMPARE(dialogs_->criticals, QStringList());
         QCOMPARE(dialogs_->fileCaptions.last(),
                  QString("Select GNX firmware (VAN format)|GNX firmware (*.van);;All files (*)"));
-        QCOMPARE(dialogs_->questions.last(),
-                 QString("Update firmware?|Are you sure you want to update firmware to 7.7.7? This will delete ALL "
-                         "your data."));
+        QCOMPARE(
+            dialogs_->questions.last(),
+            QString(
+                "Update firmware?|Are you sure you want to update firmware to 7.7.7? This will delete ALL "
+                "your data."));
         QVERIFY(!progress.isEmpty());
         QCOMPARE(progress.last().at(0), progress.last().at(1));
         QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (Please reconnect to GNX)."), 2);
@@ -424,7 +461,8 @@ private slots:
         QTest::addColumn<QString>("error");
         QTest::newRow("one line") << QByteArray("VANTOR GONIO_V2 FIRMWARE VERSION : 1.0")
                                   << "Unable to read GNX firmware file %1: not enought data";
-        QTest::newRow("bad first line") << QByteArray("HELLO\rV00") << "Unable to decode first line of file %1.";
+        QTest::newRow("bad first line")
+            << QByteArray("HELLO\rV00") << "Unable to decode first line of file %1.";
         QTest::newRow("other generation") << QByteArray("VANTOR GONIO_V1 FIRMWARE VERSION : 1.0  \rV00")
                                           << "Incompatible GNX version (1 vs 2).";
     }
