@@ -341,8 +341,16 @@ private slots:
         startSim("gnx234");
         showWindow({sim_->slavePath()});
         connectTo(sim_->slavePath());
+        // The device reports other values than the widgets show: writing them into the widgets
+        // must not send them back.
+        QStringList other = sim_->softwareSetup();
+        other[0] = other[0] == "1" ? "0" : "1";
+        other[2] = QString::number((other[2].toInt() + 9) % 40);
+        sim_->overrideNextReply("SETUPSW", other);
         sim_->clearReceived();
         window_->slotRefreshGuiInfos();
+        QCOMPARE(QString::number(ui()->checkBoxSetupSoftwareAudio->isChecked()), other[0]);
+        QCOMPARE(QString::number(ui()->horizontalSliderSetupSoftwareConstrast->value()), other[2]);
         const QStringList received = sim_->receivedLines();
         QVERIFY(received.contains(QString("SETUPSW") + QString(",").repeated(14)));
         QCOMPARE(writesOf(received, "SETUPSW"), QStringList());
