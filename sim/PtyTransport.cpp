@@ -26,6 +26,10 @@ PtyTransport::PtyTransport(SimulatorShared* shared, const Options& options)
     : m_shared(shared), m_options(options), m_rng(options.seed ^ 0x5eed5eedu), m_pumpTimer(new QTimer(this)),
       m_eventTimer(new QTimer(this)), m_saveTimer(new QTimer(this))
 {
+    m_inboundTimer = new QTimer(this);
+    m_inboundTimer->setSingleShot(true);
+    m_inboundTimer->setTimerType(Qt::PreciseTimer);
+    connect(m_inboundTimer, &QTimer::timeout, this, &PtyTransport::deliverDue);
     m_pumpTimer->setSingleShot(true);
     m_pumpTimer->setTimerType(Qt::PreciseTimer);
     m_eventTimer->setSingleShot(true);
@@ -106,6 +110,9 @@ bool PtyTransport::open(QString* error)
 
 void PtyTransport::close()
 {
+    m_inboundTimer->stop();
+    m_inbound.clear();
+    m_inboundLineFreeNs = 0;
     m_pumpTimer->stop();
     m_eventTimer->stop();
     m_saveTimer->stop();
@@ -170,12 +177,44 @@ void PtyTransport::onReadable()
             continue;
         break; // EAGAIN, or EIO while no slave is open (cannot happen while we keep one)
     }
-    if (!data.isEmpty()) {
+    if (data.isEmpty()) {
+        kick();
+        return;
+    }
+    if (m_options.baud <= 0) {
+        deliver(data);
+        return;
+    }
+    // 8N1: ten bits a byte on a line that carries one byte after the other.
+    const qint64 byteNs = 10'000'000'000LL / m_options.baud;
+    const qint64 now = m_shared->clock.nsecsElapsed();
+    m_inboundLineFreeNs = qMax(now, m_inboundLineFreeNs) + qint64(data.size()) * byteNs;
+    m_inbound.append({m_inboundLineFreeNs, data});
+    deliverDue();
+}
+
+void PtyTransport::deliver(const QByteArray& data)
+{
+    {
         QMutexLocker lock(&m_shared->mutex);
         m_shared->sync();
         m_shared->device.receive(data);
     }
     kick();
+}
+
+void PtyTransport::deliverDue()
+{
+    const qint64 now = m_shared->clock.nsecsElapsed();
+    QByteArray due;
+    // Timers count whole milliseconds: what falls due within half of one is delivered now, so the
+    // rate stays right on average instead of losing up to a millisecond a line.
+    while (!m_inbound.isEmpty() && m_inbound.first().first <= now + 500'000)
+        due += m_inbound.takeFirst().second;
+    if (!m_inbound.isEmpty())
+        m_inboundTimer->start(int(qMax<qint64>(0, (m_inbound.first().first - now + 500'000) / 1'000'000)));
+    if (!due.isEmpty())
+        deliver(due);
 }
 
 void PtyTransport::kick()
@@ -255,7 +294,9 @@ void PtyTransport::enqueue(const QByteArray& unit, bool text, quint64 answer)
 
 void PtyTransport::scheduleIn(qint64 ns)
 {
-    const int ms = int(qBound(qint64(0), (ns + 999999) / 1000000, qint64(60000)));
+    // Nearest millisecond; pump() accepts what falls due within half of one, so the line rate is
+    // right on average.
+    const int ms = int(qBound(qint64(0), (ns + 500'000) / 1'000'000, qint64(60000)));
     if (!m_pumpTimer->isActive() || m_pumpTimer->remainingTime() > ms)
         m_pumpTimer->start(ms);
 }
@@ -265,14 +306,14 @@ void PtyTransport::pump()
     while (!m_queue.isEmpty() && m_master >= 0) {
         Pending& p = m_queue.first();
         const qint64 now = m_shared->clock.nsecsElapsed();
-        if (p.notBeforeNs > now) {
+        if (p.notBeforeNs > now + 500'000) {
             scheduleIn(p.notBeforeNs - now);
             return;
         }
         qint64 allowed = p.bytes.size();
         if (m_options.baud > 0) {
             const qint64 byteNs = 10'000'000'000LL / m_options.baud;
-            const qint64 credit = (now - m_throttleStartNs) / byteNs - m_throttleSent;
+            const qint64 credit = (now + 500'000 - m_throttleStartNs) / byteNs - m_throttleSent;
             // Write in batches of about 5 ms of line time rather than byte by byte.
             const qint64 want = qMin<qint64>(p.bytes.size(), qMax(1, m_options.baud / 10 / 200));
             if (credit < want) {

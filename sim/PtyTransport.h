@@ -42,6 +42,8 @@ private:
     };
 
     void onReadable();
+    void deliver(const QByteArray& data);
+    void deliverDue();
     void enqueue(const QByteArray& bytes, bool text, quint64 answer);
     void pump();
     void schedule();
@@ -66,6 +68,10 @@ private:
     bool m_blocked = false; // the last write found the pty full: nobody is reading
     qint64 m_throttleStartNs = 0;
     qint64 m_throttleSent = 0;
+    // With --baud, what the program writes reaches the device at line rate too.
+    QList<QPair<qint64, QByteArray>> m_inbound; // (due time, bytes)
+    qint64 m_inboundLineFreeNs = 0;
+    QTimer* m_inboundTimer = nullptr;
 };
 
 } // namespace gnxsim

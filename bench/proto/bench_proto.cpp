@@ -91,17 +91,17 @@ void firmwareUpload(int dataRecords, int recordBytes)
     const qint64 bytes = sent + answered;
     const double seconds = ns / 1e9;
     const double lineSeconds = bytes / kLineBytesPerSecond;
-    // gnxsim paces only its own direction; what is left beyond its line time is the program's
-    // (and the pseudo-terminal's) turn-around, which a line paced both ways would add as well.
-    const double turnaround = seconds - answered / kLineBytesPerSecond;
+    // gnxsim paces both directions at the line rate: what is left beyond the line time is the
+    // program's and the pseudo-terminal's turn-around.
+    const double turnaround = qMax(0.0, seconds - lineSeconds);
     const int requests = int(sim.receivedLines().size());
     printf("firmware upload at %d baud, %d records of %d bytes: %.3f s, %lld bytes both ways "
            "(%lld sent, %lld answered), %.0f bytes/s\n",
            kBaud, int(records.size()), recordBytes, seconds, bytes, sent, answered, bytes / seconds);
     printf("  ratio to the line-rate limit (bytes both ways / 11520 B/s, over the time taken): %.3f\n",
            lineSeconds / seconds);
-    printf("  turn-around %.3f ms per request over %d requests; on a line paced both ways: ratio %.3f\n",
-           1000.0 * turnaround / requests, requests, lineSeconds / (lineSeconds + turnaround));
+    printf("  turn-around beyond the line time: %.3f ms per request over %d requests\n",
+           1000.0 * turnaround / requests, requests);
 }
 
 const QString kNprf =
