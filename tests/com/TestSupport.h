@@ -8,13 +8,23 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QHash>
 #include <QMutex>
-#include <QMutexLocker>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <functional>
+
 namespace TestSupport {
+
+// Messages and exceptions come from the link threads too.
+inline QMutex mutex;
+template <class F> auto locked(F fn)
+{
+    QMutexLocker lock(&mutex);
+    return fn();
+}
 
 // Exceptions escaping an event handler in any thread are recorded instead of ending the process.
 class CatchingApplication : public QCoreApplication
@@ -27,74 +37,48 @@ public:
         try {
             return QCoreApplication::notify(receiver, event);
         } catch (const MRL::Utils::Exception& e) {
-            QMutexLocker lock(&mutex_);
-            caught_.append(e.message());
+            locked([&] { caught_.append(e.message()); });
         }
         return false;
     }
-
     static QStringList caught()
     {
-        QMutexLocker lock(&mutex_);
-        return caught_;
+        return locked([] { return caught_; });
     }
     static void clearCaught()
     {
-        QMutexLocker lock(&mutex_);
-        caught_.clear();
+        locked([] { caught_.clear(); });
     }
 
 private:
-    static inline QMutex mutex_;
     static inline QStringList caught_;
 };
 
-// Collects every message text of a given type while alive (thread-safe).
+// Collects every message text, by type, while alive (one at a time).
 class MessageLog
 {
 public:
-    MessageLog()
+    MessageLog() : previous_(qInstallMessageHandler(&handler))
     {
-        instance_ = this;
-        previous_ = qInstallMessageHandler(&MessageLog::handler);
+        locked([] { entries_.clear(); });
     }
-    ~MessageLog()
-    {
-        qInstallMessageHandler(previous_);
-        instance_ = nullptr;
-    }
+    ~MessageLog() { qInstallMessageHandler(previous_); }
 
     QStringList messages(QtMsgType type) const
     {
-        QMutexLocker lock(&mutex_);
-        QStringList texts;
-        for (const auto& entry : entries_) {
-            if (entry.first == type)
-                texts.append(entry.second);
-        }
-        return texts;
+        return locked([&] { return entries_.value(type); });
     }
     QStringList warnings() const { return messages(QtWarningMsg); }
     int count(QtMsgType type, const QString& text) const { return messages(type).count(text); }
-    void clear()
-    {
-        QMutexLocker lock(&mutex_);
-        entries_.clear();
-    }
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext&, const QString& text)
     {
-        if (!instance_)
-            return;
-        QMutexLocker lock(&instance_->mutex_);
-        instance_->entries_.append({type, text});
+        locked([&] { entries_[type].append(text); });
     }
 
-    static inline MessageLog* instance_ = nullptr;
-    QtMessageHandler previous_ = nullptr;
-    mutable QMutex mutex_;
-    QList<QPair<QtMsgType, QString>> entries_;
+    static inline QHash<int, QStringList> entries_;
+    const QtMessageHandler previous_;
 };
 
 // Settings load "../OrviaGonioManager.ini" on first use: run from a scratch directory so that
@@ -102,20 +86,25 @@ private:
 inline OrviaGonioManager::Utils::Settings& sandboxSettings()
 {
     static QTemporaryDir dir;
-    static const bool moved = [] {
-        QDir(dir.path()).mkdir(QStringLiteral("run"));
-        return QDir::setCurrent(dir.filePath(QStringLiteral("run")));
-    }();
-    Q_UNUSED(moved);
+    [[maybe_unused]] static const bool moved =
+        QDir(dir.path()).mkdir("run") && QDir::setCurrent(dir.filePath(QStringLiteral("run")));
     auto& s = OrviaGonioManager::Utils::Settings::instance();
-    s.printUartDebugInfo = false;
-    s.printAtCmdDebugInfo = false;
+    s.printUartDebugInfo = s.printAtCmdDebugInfo = s.keepChecksumErrorOnNprGnx134 = false;
     s.gnxCommandTimeoutMs = 60000;
     s.keepAliveTimeoutMs = 500;
-    s.keepAlivePeriodMs = 0;
-    s.keepChecksumErrorOnNprGnx134 = false;
-    s.nprMessagesFormat = 0;
+    s.keepAlivePeriodMs = s.nprMessagesFormat = 0;
     return s;
+}
+
+// The message of the exception fn throws, or "no exception".
+inline QString thrown(const std::function<void()>& fn)
+{
+    try {
+        fn();
+    } catch (const MRL::Utils::Exception& e) {
+        return e.message();
+    }
+    return QStringLiteral("no exception");
 }
 
 } // namespace TestSupport
