@@ -130,7 +130,9 @@ void GpsFormat::writeGpsFormatsFile(const QString& path) const
     const QString absolute = absolutePath(path);
     // Written aside and renamed over the old file: a failure never leaves half a file behind.
     QSaveFile file(absolute);
-    if (!file.open(QIODevice::WriteOnly))
+    // Unbuffered: a short write on a full disk is seen here, not lost in a buffer that commit()
+    // would then report as written.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
         throw MRL::Utils::Exception(QStringLiteral("Unable to open GPS formats file %1").arg(absolute), 2);
     const QByteArray text = gpsFormatsText();
     if (file.write(text) != text.size() || !file.commit())
