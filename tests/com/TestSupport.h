@@ -10,7 +10,6 @@
 #include <QDir>
 #include <QHash>
 #include <QMutex>
-#include <QStringList>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -115,6 +114,5 @@ inline QString thrown(const std::function<void()>& fn)
     {                                                                                                        \
         TestSupport::CatchingApplication app(argc, argv);                                                    \
         TestObject tc;                                                                                       \
-        QTEST_SET_MAIN_SOURCE_PATH                                                                           \
         return QTest::qExec(&tc, argc, argv);                                                                \
     }
