@@ -76,6 +76,7 @@ private:
     void connectWidgets();
     void disconnectWidgets();
     void setUnconnectedState();
+    void setTerminalEnabled(bool enabled);
     void showGenerationWidgets(bool gnx134);
     QString portLabel(const QString& portName) const;
     QString logIdentity() const;

@@ -91,12 +91,7 @@ void MainWindow::gnxConnected(const QString& portName)
     connectedPort_ = portName;
 
     ui_->tabWidget->setEnabled(true);
-    for (QWidget* w : {static_cast<QWidget*>(ui_->lineEditTerminalCommand),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalSend),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalSaveScript),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalScript),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalReloadGui)})
-        w->setEnabled(true);
+    setTerminalEnabled(true);
     connectWidgets();
     ui_->lineEditVersionsStatus->setText(
         QStringLiteral("Connected at %1")
@@ -154,14 +149,18 @@ void MainWindow::setUnconnectedState()
     ui_->lineEditVersionsStatus->setText(QStringLiteral("Not connected"));
     ui_->tabWidget->setCurrentIndex(0);
     ui_->tabWidget->setEnabled(false);
-    for (QWidget* w : {static_cast<QWidget*>(ui_->lineEditTerminalCommand),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalSend),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalSaveScript),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalScript),
-                       static_cast<QWidget*>(ui_->pushButtonTerminalReloadGui)})
-        w->setEnabled(false);
+    setTerminalEnabled(false);
     for (QAction* action : std::as_const(portActions_))
         action->setChecked(false);
+}
+
+void MainWindow::setTerminalEnabled(bool enabled)
+{
+    const QList<QWidget*> widgets{ui_->lineEditTerminalCommand, ui_->pushButtonTerminalSend,
+                                  ui_->pushButtonTerminalSaveScript, ui_->pushButtonTerminalScript,
+                                  ui_->pushButtonTerminalReloadGui};
+    for (QWidget* w : widgets)
+        w->setEnabled(enabled);
 }
 
 void MainWindow::showGenerationWidgets(bool gnx134)

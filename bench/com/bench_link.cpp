@@ -2,6 +2,7 @@
 // that a request costs while it waits on a silent device. Prints figures, asserts nothing.
 
 #include "app/Settings.h"
+#include "bench/BenchSupport.h"
 #include "com/GnxLink.h"
 #include "mrl/utils/Exception.h"
 #include "sim/PtySimulator.h"
@@ -102,14 +103,7 @@ int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    // Settings are read from "../OrviaGonioManager.ini": keep them out of the way.
-    QTemporaryDir dir;
-    QDir(dir.path()).mkdir(QStringLiteral("run"));
-    QDir::setCurrent(dir.filePath(QStringLiteral("run")));
-    auto& settings = OrviaGonioManager::Utils::Settings::instance();
-    settings.printAtCmdDebugInfo = false;
-    settings.printUartDebugInfo = false;
-    settings.keepAlivePeriodMs = 0;
+    const auto sandbox = enterBenchSandbox();
 
     gnxsim::Options options;
     options.model = gnxsim::Model::Gnx234;

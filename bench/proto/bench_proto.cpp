@@ -1,5 +1,6 @@
 // Device protocol figures: firmware upload against a line-rate receiver, live report parsing.
 #include "app/Settings.h"
+#include "bench/BenchSupport.h"
 #include "com/GnxFrame.h"
 #include "com/GnxLink.h"
 #include "com/NprCodec.h"
@@ -188,14 +189,7 @@ int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
     qRegisterMetaType<OrviaRxMessage_t>();
-    // The settings file is looked for relative to the working directory: use a scratch one.
-    QTemporaryDir dir;
-    QDir(dir.path()).mkdir(QStringLiteral("run"));
-    QDir::setCurrent(dir.filePath(QStringLiteral("run")));
-    auto& settings = OrviaGonioManager::Utils::Settings::instance();
-    settings.printAtCmdDebugInfo = false;
-    settings.printUartDebugInfo = false;
-    settings.keepAlivePeriodMs = 0; // only the upload's own traffic on the wire
+    const auto sandbox = enterBenchSandbox();
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
         if (type == QtWarningMsg || type == QtCriticalMsg || type == QtFatalMsg)
             fprintf(stderr, "%s\n", qPrintable(text));

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "app/Settings.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <memory>
+
+// Benchmarks run in a scratch directory (the settings file is looked for relative to the working
+// directory) with a quiet link: no debug traces, no keep-alive traffic on the wire.
+inline std::unique_ptr<QTemporaryDir> enterBenchSandbox()
+{
+    auto dir = std::make_unique<QTemporaryDir>();
+    QDir(dir->path()).mkdir(QStringLiteral("run"));
+    QDir::setCurrent(dir->filePath(QStringLiteral("run")));
+    auto& settings = OrviaGonioManager::Utils::Settings::instance();
+    settings.printAtCmdDebugInfo = false;
+    settings.printUartDebugInfo = false;
+    settings.keepAlivePeriodMs = 0;
+    return dir;
+}
