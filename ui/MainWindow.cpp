@@ -6,6 +6,8 @@
 #include "mrl/ui/Help.h"
 #include "mrl/ui/UiLogger.h"
 #include "ui_MainWindow.h"
+#include "utils/FlashMemory.h"
+#include "utils/GpsFormat.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -68,6 +70,11 @@ MainWindow::MainWindow(QWidget* parent)
             [this](const QString& port) { guard([&] { slotGnxDetected(port); }); });
     connect(comManager_, &Com::ComManager::sigGnxRemoved, this,
             [this](const QString& port) { guard([&] { slotGnxRemoved(port); }); });
+    flashMemory_ = Utils::FlashMemory::instance();
+    connect(Utils::GpsFormat::instance(), &Utils::GpsFormat::sigNewGpsFormat, this,
+            &MainWindow::slotAddGpsFormat);
+    connect(gnxLink_, &GnxLink::sigOrviaMessageReceived, this, &MainWindow::slotOrviaMessageReceived);
+    connect(flashMemory_, &Utils::FlashMemory::sigOrviaDecoded, this, &MainWindow::slotOrviaMessageReceived);
     connect(gnxLink_, &GnxLink::sigLinkCompromised, this,
             [this](const QString& port, const QString& message) {
                 guard([&] { gnxDisconnected(port, message, true); });

@@ -3,6 +3,7 @@
 #include "com/GnxLink.h"
 #include "mrl/ui/MainWindow.h"
 #include "ui/SessionLog.h"
+#include "utils/GpsFormat.h"
 
 #include <QMap>
 #include <QPointer>
@@ -62,6 +63,41 @@ public slots:
     void slotSetTime();
     void slotSetSetupHardware();
 
+    // "Favorite platforms" tab: platforms and GPS formats (MainWindowPlatforms.cpp).
+    void slotGetPlatformsInfo();
+    void slotImportPlatformsInfo();
+    void slotExportPlatformsInfo();
+    bool slotDeleteAllPlatforms();
+    void slotDisplayPlatformsInfo();
+    void slotSavePlatformsInfo();
+    void slotCreatePlatformsInfo();
+    void slotDeletePlatformsInfo();
+    void slotReloadGpsFormatsFile();
+    void slotSaveGpsFormatsFile();
+    void slotAddGpsFormat(OrviaGonioManager::Utils::GpsFormat_t* gpsFormat);
+    void slotDisplayGpsFormatsInfo();
+    void slotSaveGpsFormats();
+    void slotDeleteGpsFormats();
+    void slotCreateGpsFormats();
+
+    // "RX" tab (MainWindowRx.cpp).
+    void slotSetLiveRxEnabled(bool enabled);
+    void slotClearRxTable();
+    void slotExportRxTable();
+    void slotReadFlashMemory();
+    void slotEraseFlashMemory();
+
+    // "Terminal" tab (MainWindowTerminal.cpp).
+    void slotSendManualGnxCmd();
+    void slotTerminalSaveScript();
+    void slotTerminalScript();
+
+    // "RX" tab, continued.
+    void slotOrviaMessageReceived(OrviaGonioManager::Com::OrviaRxMessage_t orviaRxMessage,
+                                  OrviaGonioManager::Com::GnxLink::RxOrigin_t rxOrigin);
+    void slotFilterRxTable();
+    void slotClearSelectionRxTable();
+
 private:
     // Start-up.
     void fillComboBoxes();
@@ -93,6 +129,12 @@ private:
 
     // Firmware.
     void uploadWithProgress(const QList<QByteArray>& records);
+
+    // Favorite platforms tab (MainWindowPlatforms.cpp). Private helpers of that tab go here.
+
+    // RX tab (MainWindowRx.cpp). Private helpers of that tab go here.
+
+    // Terminal tab (MainWindowTerminal.cpp). Private helpers of that tab go here.
 
     std::unique_ptr<::Ui::MainWindow> ui_;
     QMap<QString, QAction*> portActions_;

@@ -191,6 +191,8 @@ void MainWindow::refreshGuiInfos()
     if (deviceInfo_.mode != GnxLink::GNX_BL) {
         refreshSetupSoftware();
         refreshSetupHardware();
+        // Reads the formats file, then the platform slots.
+        slotReloadGpsFormatsFile();
     }
     ui_->pushButtonSwitchMode->setText(deviceInfo_.mode == GnxLink::GNX_BL
                                            ? QStringLiteral("Switch back to standard mode...")

@@ -158,6 +158,11 @@ private slots:
     {
         // Settings and the GPS formats file are found relative to the working directory.
         QDir(workDir_.path()).mkpath("run");
+        QDir(workDir_.path()).mkpath("Data");
+        QFile formats(workDir_.filePath("Data/format.vtl"));
+        QVERIFY(formats.open(QIODevice::WriteOnly));
+        formats.write("0\n");
+        formats.close();
         QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
         auto& settings = OrviaGonioManager::Utils::Settings::instance();
         settings.keepAlivePeriodMs = 0; // keeps the emulator's command log to what the window sends
