@@ -1,0 +1,285 @@
+// The "Favorite platforms" and "GPS Format Info" tabs against the emulator over a pseudo-terminal:
+// what the table shows, what reaches the receiver, the platform files and the GPS formats file.
+#include "app/Settings.h"
+#include "common/RecordingDialogs.h"
+#include "sim/PtySimulator.h"
+#include "ui/MainWindow.h"
+#include "ui_MainWindow.h"
+
+#include <QAction>
+#include <QDir>
+#include <QTemporaryDir>
+#include <QTest>
+
+using OrviaGonioManager::Ui::MainWindow;
+
+namespace {
+
+QStringList rowsOf(const QTableWidget* table)
+{
+    QStringList rows;
+    for (int r = 0; r < table->rowCount(); ++r) {
+        QStringList cells;
+        for (int c = 0; c < table->columnCount(); ++c)
+            cells << table->item(r, c)->text();
+        rows << cells.join('|');
+    }
+    return rows;
+}
+
+QStringList itemsOf(const QComboBox* combo)
+{
+    QStringList items;
+    for (int i = 0; i < combo->count(); ++i)
+        items << combo->itemText(i);
+    return items;
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    f.open(QIODevice::ReadOnly);
+    return f.readAll();
+}
+
+void writeFile(const QString& path, const QByteArray& data)
+{
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(data);
+}
+
+// A GPS formats file line: name, three texts, then 27 numbers.
+QByteArray formatLine(const QString& name)
+{
+    QStringList fields{name, "T", "M", "D"};
+    for (int i = 0; i < 27; ++i)
+        fields << (i == 24 ? "8" : "1"); // dataLen in range
+    return fields.join(',').toUtf8() + "#\n";
+}
+
+} // namespace
+
+class TestPlatformsTab : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir workDir_;
+    std::unique_ptr<gnxsim::PtySimulator> sim_;
+    std::unique_ptr<MainWindow> window_;
+    std::unique_ptr<RecordingDialogs> dialogs_;
+
+    ::Ui::MainWindow* ui() const { return window_->form(); }
+
+    void connectTo(const QString& model, int platforms)
+    {
+        gnxsim::Options options;
+        options.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
+        options.platforms = platforms;
+        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
+        QVERIFY2(sim_->start(), qPrintable(sim_->errorString()));
+        const QString port = sim_->slavePath();
+        qputenv("GNX_EXTRA_PORTS", port.toLocal8Bit());
+        window_ = std::make_unique<MainWindow>();
+        window_->show();
+        QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
+        window_->portAction(port)->trigger();
+        QCOMPARE(window_->connectedPort(), port);
+    }
+
+    // The table the receiver's slots should give: index, identifier, label, format name.
+    QStringList deviceRows() const
+    {
+        QStringList rows;
+        for (int i = 0; i < window_->gnxLink()->maxPlatformsNumber(); ++i) {
+            const QStringList p = sim_->platformSlot(i);
+            if (!p.isEmpty())
+                rows << QStringList{QString::number(i), p[3], p[4], p[5] == "1" ? p[6] : ""}.join('|');
+        }
+        return rows;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QDir(workDir_.path()).mkpath("run");
+        QDir(workDir_.path()).mkpath("Data");
+        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
+        auto& settings = OrviaGonioManager::Utils::Settings::instance();
+        settings.keepAlivePeriodMs = 0;
+        settings.gnxCommandTimeoutMs = 5000;
+    }
+
+    void init()
+    {
+        writeFile(workDir_.filePath("Data/format.vtl"), "0\n");
+        dialogs_ = std::make_unique<RecordingDialogs>();
+    }
+
+    void cleanup()
+    {
+        window_.reset();
+        sim_.reset();
+        dialogs_.reset();
+    }
+
+    void generations_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::newRow("gnx134") << "gnx134";
+        QTest::newRow("gnx234") << "gnx234";
+    }
+
+    void reloadAndSave_data() { generations_data(); }
+
+    void reloadAndSave()
+    {
+        QFETCH(QString, model);
+        const bool gnx134 = model == "gnx134";
+        connectTo(model, 5);
+        QTableWidget* table = ui()->tableWidgetPlatforms;
+        QCOMPARE(rowsOf(table), deviceRows());
+        QCOMPARE(table->rowCount(), 5);
+        // The slots' formats were taken over from the receiver.
+        QVERIFY(rowsOf(ui()->tableWidgetGpsFormats)
+                    .contains(table->item(0, 3)->text() + "|From Gonio favorite plaform"));
+
+        // An edit is one write of the whole slot, then a read of it.
+        const QString read = "IP,1" + QString(",").repeated(gnx134 ? 35 : 38);
+        const QStringList before = sim_->platformSlot(1);
+        table->selectRow(1);
+        QCOMPARE(ui()->lineEditPlatformsOrviaId->text(), before[3]);
+        ui()->lineEditPlatformsLabel->setText("Edited");
+        ui()->spinBoxPlatformsRepetitionPeriod->setValue(123);
+        sim_->clearReceived();
+        ui()->pushButtonPlatformsSave->click();
+        QCOMPARE(dialogs_->criticals, QStringList());
+        QStringList expected = before;
+        expected[4] = "Edited";
+        expected[28] = "123";
+        QCOMPARE(sim_->platformSlot(1), expected);
+        QCOMPARE(sim_->receivedLines(), QStringList({"IP," + expected.join(','), read}));
+        QCOMPARE(rowsOf(table), deviceRows());
+        QCOMPARE(dialogs_->questions, QStringList());
+
+        // A new identifier re-creates the slot, once the user agreed.
+        dialogs_->answers << QMessageBox::Yes;
+        ui()->lineEditPlatformsOrviaId->setText("ABCDE");
+        sim_->clearReceived();
+        ui()->pushButtonPlatformsSave->click();
+        QCOMPARE(
+            dialogs_->questions,
+            QStringList("Delete associated flash memory?|This modification will need a delete and create "
+                        "operation on this platform.\n\nAll recorded message in flash memory associated "
+                        "to this platform will be lost.\n\nAre you sure you want to continue?"));
+        const QStringList lines = sim_->receivedLines();
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines[0], "IP,1,0" + QString(",").repeated(gnx134 ? 34 : 37));
+        QVERIFY2(lines[1].startsWith("IP,1,1,1,ABCDE,Edited,"), qPrintable(lines[1]));
+        QCOMPARE(sim_->platformSlot(1).value(3), QString("ABCDE"));
+        QCOMPARE(table->item(1, 1)->text(), QString("ABCDE"));
+    }
+
+    void exportThenImport_data() { generations_data(); }
+
+    void exportThenImport()
+    {
+        QFETCH(QString, model);
+        const bool gnx134 = model == "gnx134";
+        connectTo(model, 6);
+        const QString file = workDir_.filePath("platforms.csv");
+        const QStringList table = rowsOf(ui()->tableWidgetPlatforms);
+        QStringList slotsBefore;
+        for (int i = 0; i < 6; ++i)
+            slotsBefore << sim_->platformSlot(i).join(',');
+
+        dialogs_->files << file;
+        ui()->pushButtonPlatformsExport->click();
+        const QList<QByteArray> lines = readAll(file).split('\n');
+        QCOMPARE(lines.size(), 8); // header, six platforms, final ""
+        QCOMPARE(lines[0], gnx134 ? QByteArray("#,Orvia ID,Label,GPS Format Name,Repetition period,Mean "
+                                               "Direction Values")
+                                  : QByteArray("#,Orvia ID,Label,GPS Format Name,Repetition period,Orvia "
+                                               "Band,Modulation,Frequency Mode,Narrow Mode Frequency"));
+        QCOMPARE(
+            dialogs_->fileCaptions,
+            QStringList("Select platforms file (CSV format)|Platforms Files (*.csv *.txt);;All files (*)"));
+
+        // Emptied, then refilled from the file: the same slots on the receiver.
+        dialogs_->answers << QMessageBox::Yes;
+        dialogs_->files << file;
+        ui()->pushButtonPlatformsImport->click();
+        QCOMPARE(dialogs_->criticals, QStringList());
+        QCOMPARE(dialogs_->questions, QStringList("Delete all platforms?|Are you sure you want to delete all "
+                                                  "favorite platform entries?"));
+        QCOMPARE(rowsOf(ui()->tableWidgetPlatforms), table);
+        for (int i = 0; i < 6; ++i)
+            QCOMPARE(sim_->platformSlot(i).join(','), slotsBefore[i]);
+
+        // A file of the other generation stops at its first line.
+        const QString other = workDir_.filePath("other.csv");
+        writeFile(other, gnx134 ? "# header\n12345,Buoy,,10,0,0,1,0\n" : "12345,Buoy,,10,3\n");
+        dialogs_->answers << QMessageBox::Yes;
+        dialogs_->files << other;
+        ui()->pushButtonPlatformsImport->click();
+        QCOMPARE(dialogs_->criticals,
+                 QStringList("Unable to read platforms file " + other +
+                             ", wrong number of columns. Columns shoud be " + (gnx134 ? "5." : "8.")));
+        QCOMPARE(ui()->tableWidgetPlatforms->rowCount(), 0);
+        QVERIFY(sim_->platformSlot(0).isEmpty());
+    }
+
+    void gpsFormats()
+    {
+        writeFile(workDir_.filePath("Data/format.vtl"), "2\n" + formatLine("Alpha") + formatLine("Beta"));
+        connectTo("gnx234", 0);
+        QTableWidget* table = ui()->tableWidgetGpsFormats;
+        const QStringList fromFile{"Alpha|From VTL file", "Beta|From VTL file"};
+        QCOMPARE(rowsOf(table), fromFile);
+        QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats), QStringList({"No GPS Format", "Alpha", "Beta"}));
+
+        // Create, edit and save: the row keeps its place under the new name.
+        ui()->pushButtonGpsFormatsCreate->click();
+        QCOMPARE(rowsOf(table).last(), QString("New GPS Format|From Orvia Gonio Manager"));
+        table->selectRow(2);
+        QCOMPARE(ui()->lineEditGpsFormatsDescription->text(), QString("Created by Orvia Gonio Manager"));
+        ui()->lineEditGpsFormatsName->setText("Gamma");
+        ui()->lineEditGpsFormatsEncryptionPolynom->setText("1021");
+        ui()->lineEditGpsFormatsEncryptionDataLen->setText("16");
+        ui()->pushButtonGpsFormatsSave->click();
+        QCOMPARE(dialogs_->criticals, QStringList());
+        QCOMPARE(rowsOf(table).last(), QString("Gamma|From GNX GUI"));
+        QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats),
+                 QStringList({"No GPS Format", "Alpha", "Beta", "Gamma"}));
+
+        // An empty name is refused.
+        ui()->lineEditGpsFormatsName->clear();
+        ui()->pushButtonGpsFormatsSave->click();
+        QCOMPARE(dialogs_->criticals, QStringList("Empty format name"));
+
+        // Delete "Alpha" after the question.
+        table->selectRow(0);
+        dialogs_->answers << QMessageBox::Yes;
+        ui()->pushButtonGpsFormatsDelete->click();
+        QCOMPARE(dialogs_->questions,
+                 QStringList("Delete GPS format?|Are you sure you want to delete this GPS format?"));
+        QCOMPARE(rowsOf(table), QStringList({"Beta|From VTL file", "Gamma|From GNX GUI"}));
+        QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats), QStringList({"No GPS Format", "Beta", "Gamma"}));
+
+        // Save to file, which is then read back.
+        ui()->pushButtonGpsFormatsSaveFile->click();
+        const QList<QByteArray> lines = readAll(workDir_.filePath("Data/format.vtl")).split('\n');
+        QCOMPARE(lines.size(), 4);
+        QCOMPARE(lines[0], QByteArray("2"));
+        QCOMPARE(lines[1], formatLine("Beta").trimmed());
+        QVERIFY2(lines[2].startsWith("Gamma,,,Created by Orvia Gonio Manager,0,") &&
+                     lines[2].endsWith(",0,1021,0,0,0,16,0,0#"),
+                 lines[2].constData());
+        QCOMPARE(rowsOf(table), QStringList({"Beta|From VTL file", "Gamma|From VTL file"}));
+        QCOMPARE(dialogs_->criticals, QStringList("Empty format name"));
+    }
+};
+
+QTEST_MAIN(TestPlatformsTab)
+#include "tst_platformstab.moc"
