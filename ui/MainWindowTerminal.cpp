@@ -1,12 +1,150 @@
 // Main window, "Terminal" tab: typed commands and configuration scripts.
 #include "ui/MainWindow.h"
 
+#include "mrl/ui/Dialogs.h"
+#include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
+
+#include <QFile>
+#include <QSaveFile>
+#include <QSignalBlocker>
+#include <QTextStream>
 
 namespace OrviaGonioManager::Ui {
 
-void MainWindow::slotSendManualGnxCmd() {}
-void MainWindow::slotTerminalSaveScript() {}
-void MainWindow::slotTerminalScript() {}
+namespace {
+
+const QString scriptCaption = QStringLiteral("Select GNX Script");
+const QString scriptFilter = QStringLiteral("GNX Script Files (*.gnx *.txt);;All files (*)");
+
+// Collects what the window issues instead of sending it, for as long as it lives: the link
+// never stays in recording mode, whatever happens in between. The window's read-backs are held
+// off meanwhile, since a read while recording would only add its request to the script.
+class ScriptRecording
+{
+public:
+    ScriptRecording(Com::GnxLink& link, bool& guiRefreshing)
+        : link_(link), guiRefreshing_(guiRefreshing), savedRefreshing_(guiRefreshing)
+    {
+        guiRefreshing_ = true;
+        link_.startRecording();
+    }
+    ~ScriptRecording()
+    {
+        if (link_.isRecording())
+            link_.takeRecordedCommands();
+        guiRefreshing_ = savedRefreshing_;
+    }
+    ScriptRecording(const ScriptRecording&) = delete;
+    ScriptRecording& operator=(const ScriptRecording&) = delete;
+
+    QStringList take() { return link_.takeRecordedCommands(); }
+
+private:
+    Com::GnxLink& link_;
+    bool& guiRefreshing_;
+    const bool savedRefreshing_;
+};
+
+// The row of the platforms table that shows this slot; -1 when the slot is free.
+int platformRow(const QTableWidget& table, int index)
+{
+    for (int row = 0; row < table.rowCount(); ++row) {
+        const QTableWidgetItem* item = table.item(row, 0);
+        bool ok = false;
+        if (item && item->data(Qt::DisplayRole).toString().toInt(&ok) == index && ok)
+            return row;
+    }
+    return -1;
+}
+
+QStringList readScriptLines(const QString& fileName)
+{
+    QFile file(fileName);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        throw MRL::Utils::Exception(QStringLiteral("Unable to GNX script file %1").arg(fileName), 2);
+    QTextStream in(&file);
+    QStringList lines;
+    while (!in.atEnd())
+        lines << in.readLine();
+    return lines;
+}
+
+void writeScript(const QString& fileName, QSaveFile& file, const QStringList& frames)
+{
+    QTextStream out(&file);
+    for (const QString& frame : frames)
+        out << frame << '\n';
+    out.flush();
+    if (out.status() != QTextStream::Ok || !file.commit())
+        throw MRL::Utils::Exception(
+            QStringLiteral("Unable to write GNX script file %1 (%2)").arg(fileName, file.errorString()), 2);
+}
+
+} // namespace
+
+void MainWindow::slotSendManualGnxCmd()
+{
+    guard([&] { gnxLink_->sendManualCommand(ui_->lineEditTerminalCommand->text()); });
+}
+
+void MainWindow::slotTerminalSaveScript()
+{
+    guard([&] {
+        const QString fileName =
+            MRL::Ui::Dialogs::instance().getSaveFileName(this, scriptCaption, scriptFilter);
+        if (fileName.isEmpty())
+            return;
+        QSaveFile file(fileName);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
+            throw MRL::Utils::Exception(QStringLiteral("Unable to open GNX script file %1").arg(fileName), 2);
+
+        QStringList frames;
+        {
+            ScriptRecording recording(*gnxLink_, guiRefreshing_);
+            slotSetSetupSoftware();
+            slotSetSetupHardware();
+            QTableWidget* table = ui_->tableWidgetPlatforms;
+            for (int index = 0; index < gnxLink_->maxPlatformsNumber(); ++index) {
+                const int row = platformRow(*table, index);
+                if (row < 0)
+                    continue;
+                {
+                    // Shown once, by the explicit call below.
+                    const QSignalBlocker blocker(table);
+                    table->selectRow(row);
+                }
+                slotDisplayPlatformsInfo();
+                slotSavePlatformsInfo();
+            }
+            frames = recording.take();
+        }
+        writeScript(fileName, file, frames);
+    });
+}
+
+void MainWindow::slotTerminalScript()
+{
+    guard([&] {
+        const QString fileName =
+            MRL::Ui::Dialogs::instance().getOpenFileName(this, scriptCaption, scriptFilter);
+        if (fileName.isEmpty())
+            return;
+        const QStringList lines = readScriptLines(fileName);
+        for (int i = 0; i < lines.size(); ++i) {
+            if (!lines[i].startsWith(QLatin1Char('$')))
+                continue;
+            try {
+                gnxLink_->sendManualCommand(lines[i]);
+            } catch (const MRL::Utils::Exception& e) {
+                // Without a link every further line would fail the same way.
+                if (!gnxLink_->isConnected())
+                    throw;
+                showException(
+                    QStringLiteral("GNX script %1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message()));
+            }
+        }
+    });
+}
 
 } // namespace OrviaGonioManager::Ui
