@@ -73,10 +73,9 @@ private:
     {
         const QString path = workDir_.filePath(name);
         QFile f(path);
-        if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            return {};
-        f.write(content);
-        return path;
+        return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(content) == content.size()
+                   ? path
+                   : QString();
     }
 
     void play(const QString& path)
@@ -122,7 +121,6 @@ private slots:
         ui()->lineEditTerminalCommand->setText("HELLO,1,2");
         ui()->pushButtonTerminalSend->click();
         QTRY_COMPARE(sim_->receivedLines(), (QStringList{"TEST", "HELLO,1,2"}));
-        QCOMPARE(ui()->lineEditTerminalCommand->text(), QString("HELLO,1,2"));
         QCOMPARE(dialogs_->criticals, QStringList());
     }
 
@@ -154,7 +152,6 @@ private slots:
         QCOMPARE(dialogs_->criticals.size(), errors);
         if (errors)
             QVERIFY(dialogs_->criticals.first().contains(path + ", line 1: "));
-        QCOMPARE(window_->connectedPort(), sim_->slavePath());
     }
 
     void fileErrors()
@@ -187,7 +184,7 @@ private slots:
         for (int i : {1, 3, 4}) // gaps between the used slots
             window_->gnxLink()->deletePlatformInfo(i);
         window_->slotGetPlatformsInfo();
-        const bool platformsWork = ui()->tableWidgetPlatforms->rowCount() == used.size();
+        QCOMPARE(ui()->tableWidgetPlatforms->rowCount(), used.size());
         // Settings that the second device does not have.
         ui()->spinBoxHardwareCableLength->setValue(77);
         ui()->checkBoxSetupSoftwareAudio->toggle();
@@ -205,7 +202,7 @@ private slots:
         QFile file(path);
         QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
         const QStringList frames = QString::fromLatin1(file.readAll()).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(frames.size(), 2 + (platformsWork ? used.size() : 0));
+        QCOMPARE(frames.size(), 2 + used.size());
         QStringList payloads;
         QList<QStringList> params;
         for (const QString& frame : frames) {
@@ -235,7 +232,8 @@ private slots:
         QCOMPARE(withoutClock(sim2_->softwareSetup()), withoutClock(sim_->softwareSetup()));
         QCOMPARE(sim2_->hardwareSetup(), sim_->hardwareSetup());
         for (int i = 0; i < 6; ++i)
-            QCOMPARE(sim2_->platformSlot(i), platformsWork ? sim_->platformSlot(i) : QStringList());
+            QCOMPARE(sim2_->platformSlot(i), sim_->platformSlot(i));
+        QVERIFY(!sim2_->platformSlot(5).isEmpty());
     }
 };
 
