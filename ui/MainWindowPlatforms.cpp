@@ -145,9 +145,12 @@ void loadPlatforms(GnxLink& link, QTableWidget* table)
     table->resizeColumnsToContents();
 }
 
-QString csvLine(const GnxLink::PlatformInfo& p, GnxLink::GnxVersion_t version)
+// The format column is the name the row shows, even for a format deleted since.
+QString csvLine(const QTableWidget* table, int row, GnxLink::GnxVersion_t version)
 {
-    QStringList fields{p.id, p.label, formatName(p), QString::number(p.repetitionPeriod)};
+    const GnxLink::PlatformInfo p = rowPlatform(table, row);
+    QStringList fields{p.id, p.label, table->item(row, COLUMN_GPSFORMAT)->text(),
+                       QString::number(p.repetitionPeriod)};
     if (version == GnxLink::GNX_V1)
         fields << QString::number(p.meanDirectionValues);
     else
@@ -408,7 +411,7 @@ void MainWindow::slotExportPlatformsInfo()
         out << QStringLiteral("#,") << GnxLink::platformTitles().value(int(version)).join(QLatin1Char(','))
             << '\n';
         for (int row = 0; row < table->rowCount(); ++row)
-            out << csvLine(rowPlatform(table, row), version) << '\n';
+            out << csvLine(table, row, version) << '\n';
         out.flush();
         if (!file.commit())
             throw MRL::Utils::Exception(QStringLiteral("Unable to write platforms file %1").arg(fileName), 2);

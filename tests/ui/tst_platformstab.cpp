@@ -124,23 +124,20 @@ private slots:
         dialogs_.reset();
     }
 
-    void generations_data()
+    void platforms_data()
     {
         QTest::addColumn<QString>("model");
         QTest::newRow("gnx134") << "gnx134";
         QTest::newRow("gnx234") << "gnx234";
     }
 
-    void reloadAndSave_data() { generations_data(); }
-
-    void reloadAndSave()
+    void platforms()
     {
         QFETCH(QString, model);
         const bool gnx134 = model == "gnx134";
         connectTo(model, 5);
         QTableWidget* table = ui()->tableWidgetPlatforms;
         QCOMPARE(rowsOf(table), deviceRows());
-        QCOMPARE(table->rowCount(), 5);
         // The slots' formats were taken over from the receiver.
         QVERIFY(rowsOf(ui()->tableWidgetGpsFormats)
                     .contains(table->item(0, 3)->text() + "|From Gonio favorite plaform"));
@@ -149,7 +146,6 @@ private slots:
         const QString read = "IP,1" + QString(",").repeated(gnx134 ? 35 : 38);
         const QStringList before = sim_->platformSlot(1);
         table->selectRow(1);
-        QCOMPARE(ui()->lineEditPlatformsOrviaId->text(), before[3]);
         ui()->lineEditPlatformsLabel->setText("Edited");
         ui()->spinBoxPlatformsRepetitionPeriod->setValue(123);
         sim_->clearReceived();
@@ -161,7 +157,6 @@ private slots:
         QCOMPARE(sim_->platformSlot(1), expected);
         QCOMPARE(sim_->receivedLines(), QStringList({"IP," + expected.join(','), read}));
         QCOMPARE(rowsOf(table), deviceRows());
-        QCOMPARE(dialogs_->questions, QStringList());
 
         // A new identifier re-creates the slot, once the user agreed.
         dialogs_->answers << QMessageBox::Yes;
@@ -173,31 +168,23 @@ private slots:
             QStringList("Delete associated flash memory?|This modification will need a delete and create "
                         "operation on this platform.\n\nAll recorded message in flash memory associated "
                         "to this platform will be lost.\n\nAre you sure you want to continue?"));
-        const QStringList lines = sim_->receivedLines();
-        QCOMPARE(lines.size(), 3);
-        QCOMPARE(lines[0], "IP,1,0" + QString(",").repeated(gnx134 ? 34 : 37));
-        QVERIFY2(lines[1].startsWith("IP,1,1,1,ABCDE,Edited,"), qPrintable(lines[1]));
-        QCOMPARE(sim_->platformSlot(1).value(3), QString("ABCDE"));
+        const QStringList wire = sim_->receivedLines();
+        QCOMPARE(wire.size(), 3);
+        QCOMPARE(wire[0], "IP,1,0" + QString(",").repeated(gnx134 ? 34 : 37));
+        QVERIFY2(wire[1].startsWith("IP,1,1,1,ABCDE,Edited,"), qPrintable(wire[1]));
         QCOMPARE(table->item(1, 1)->text(), QString("ABCDE"));
-    }
 
-    void exportThenImport_data() { generations_data(); }
-
-    void exportThenImport()
-    {
-        QFETCH(QString, model);
-        const bool gnx134 = model == "gnx134";
-        connectTo(model, 6);
+        // Export, then import on the same generation: the same slots on the receiver.
         const QString file = workDir_.filePath("platforms.csv");
-        const QStringList table = rowsOf(ui()->tableWidgetPlatforms);
+        const QStringList rows = rowsOf(table);
         QStringList slotsBefore;
-        for (int i = 0; i < 6; ++i)
+        for (int i = 0; i < 5; ++i)
             slotsBefore << sim_->platformSlot(i).join(',');
 
         dialogs_->files << file;
         ui()->pushButtonPlatformsExport->click();
         const QList<QByteArray> lines = readAll(file).split('\n');
-        QCOMPARE(lines.size(), 8); // header, six platforms, final ""
+        QCOMPARE(lines.size(), 7); // header, five platforms, final ""
         QCOMPARE(lines[0], gnx134 ? QByteArray("#,Orvia ID,Label,GPS Format Name,Repetition period,Mean "
                                                "Direction Values")
                                   : QByteArray("#,Orvia ID,Label,GPS Format Name,Repetition period,Orvia "
@@ -206,15 +193,15 @@ private slots:
             dialogs_->fileCaptions,
             QStringList("Select platforms file (CSV format)|Platforms Files (*.csv *.txt);;All files (*)"));
 
-        // Emptied, then refilled from the file: the same slots on the receiver.
         dialogs_->answers << QMessageBox::Yes;
         dialogs_->files << file;
         ui()->pushButtonPlatformsImport->click();
         QCOMPARE(dialogs_->criticals, QStringList());
-        QCOMPARE(dialogs_->questions, QStringList("Delete all platforms?|Are you sure you want to delete all "
-                                                  "favorite platform entries?"));
-        QCOMPARE(rowsOf(ui()->tableWidgetPlatforms), table);
-        for (int i = 0; i < 6; ++i)
+        QCOMPARE(
+            dialogs_->questions.last(),
+            QString("Delete all platforms?|Are you sure you want to delete all favorite platform entries?"));
+        QCOMPARE(rowsOf(table), rows);
+        for (int i = 0; i < 5; ++i)
             QCOMPARE(sim_->platformSlot(i).join(','), slotsBefore[i]);
 
         // A file of the other generation stops at its first line.
@@ -226,7 +213,7 @@ private slots:
         QCOMPARE(dialogs_->criticals,
                  QStringList("Unable to read platforms file " + other +
                              ", wrong number of columns. Columns shoud be " + (gnx134 ? "5." : "8.")));
-        QCOMPARE(ui()->tableWidgetPlatforms->rowCount(), 0);
+        QCOMPARE(table->rowCount(), 0);
         QVERIFY(sim_->platformSlot(0).isEmpty());
     }
 
@@ -235,15 +222,13 @@ private slots:
         writeFile(workDir_.filePath("Data/format.vtl"), "2\n" + formatLine("Alpha") + formatLine("Beta"));
         connectTo("gnx234", 0);
         QTableWidget* table = ui()->tableWidgetGpsFormats;
-        const QStringList fromFile{"Alpha|From VTL file", "Beta|From VTL file"};
-        QCOMPARE(rowsOf(table), fromFile);
+        QCOMPARE(rowsOf(table), QStringList({"Alpha|From VTL file", "Beta|From VTL file"}));
         QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats), QStringList({"No GPS Format", "Alpha", "Beta"}));
 
         // Create, edit and save: the row keeps its place under the new name.
         ui()->pushButtonGpsFormatsCreate->click();
         QCOMPARE(rowsOf(table).last(), QString("New GPS Format|From Orvia Gonio Manager"));
         table->selectRow(2);
-        QCOMPARE(ui()->lineEditGpsFormatsDescription->text(), QString("Created by Orvia Gonio Manager"));
         ui()->lineEditGpsFormatsName->setText("Gamma");
         ui()->lineEditGpsFormatsEncryptionPolynom->setText("1021");
         ui()->lineEditGpsFormatsEncryptionDataLen->setText("16");
@@ -252,11 +237,6 @@ private slots:
         QCOMPARE(rowsOf(table).last(), QString("Gamma|From GNX GUI"));
         QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats),
                  QStringList({"No GPS Format", "Alpha", "Beta", "Gamma"}));
-
-        // An empty name is refused.
-        ui()->lineEditGpsFormatsName->clear();
-        ui()->pushButtonGpsFormatsSave->click();
-        QCOMPARE(dialogs_->criticals, QStringList("Empty format name"));
 
         // Delete "Alpha" after the question.
         table->selectRow(0);
@@ -269,15 +249,11 @@ private slots:
 
         // Save to file, which is then read back.
         ui()->pushButtonGpsFormatsSaveFile->click();
-        const QList<QByteArray> lines = readAll(workDir_.filePath("Data/format.vtl")).split('\n');
-        QCOMPARE(lines.size(), 4);
-        QCOMPARE(lines[0], QByteArray("2"));
-        QCOMPARE(lines[1], formatLine("Beta").trimmed());
-        QVERIFY2(lines[2].startsWith("Gamma,,,Created by Orvia Gonio Manager,0,") &&
-                     lines[2].endsWith(",0,1021,0,0,0,16,0,0#"),
-                 lines[2].constData());
+        QCOMPARE(readAll(workDir_.filePath("Data/format.vtl")),
+                 "2\n" + formatLine("Beta") + "Gamma,,,Created by Orvia Gonio Manager," +
+                     QByteArray("0,").repeated(19) + "0,1021,0,0,0,16,0,0#\n");
         QCOMPARE(rowsOf(table), QStringList({"Beta|From VTL file", "Gamma|From VTL file"}));
-        QCOMPARE(dialogs_->criticals, QStringList("Empty format name"));
+        QCOMPARE(dialogs_->criticals, QStringList());
     }
 };
 
