@@ -662,7 +662,18 @@ void MainWindow::slotDeleteGpsFormats()
 
 void MainWindow::slotCreateGpsFormats()
 {
-    guard([&] { GpsFormat::instance()->newGpsFormat(); });
+    guard([&] {
+        // Shown in the editor at once, ready to be filled in.
+        QString created;
+        const QMetaObject::Connection c = connect(GpsFormat::instance(), &GpsFormat::sigNewGpsFormat, this,
+                                                  [&](GpsFormat_t* f) { created = f->name; });
+        GpsFormat::instance()->newGpsFormat();
+        disconnect(c);
+        QTableWidget* table = ui_->tableWidgetGpsFormats;
+        for (int row = 0; row < table->rowCount(); ++row)
+            if (table->item(row, 0)->text() == created)
+                table->selectRow(row);
+    });
 }
 
 } // namespace OrviaGonioManager::Ui

@@ -228,7 +228,6 @@ private slots:
         // Create, edit and save: the row keeps its place under the new name.
         ui()->pushButtonGpsFormatsCreate->click();
         QCOMPARE(rowsOf(table).last(), QString("New GPS Format|From Orvia Gonio Manager"));
-        table->selectRow(2);
         ui()->lineEditGpsFormatsName->setText("Gamma");
         ui()->lineEditGpsFormatsEncryptionPolynom->setText("1021");
         ui()->lineEditGpsFormatsEncryptionDataLen->setText("16");
