@@ -294,10 +294,8 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
                                           Com::GnxLink::RxOrigin_t rxOrigin)
 {
     guard([&] {
-        const Com::GnxLink::GnxVersion_t version = gnxLink_->version();
-        const RxRow r =
-            rxRowOf(orviaRxMessage, rxOrigin, ui_->tableWidgetPlatforms, version,
-                    version == Com::GnxLink::GNX_UNDEFINEDVERSION ? -1 : gnxLink_->maxPlatformsNumber());
+        const RxRow r = rxRowOf(orviaRxMessage, rxOrigin, ui_->tableWidgetPlatforms, gnxLink_->version(),
+                                gnxLink_->maxPlatformsNumber());
         QTableWidget* table = ui_->tableWidgetRx;
         table->setSortingEnabled(false);
         table->insertRow(0);
