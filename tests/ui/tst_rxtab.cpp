@@ -67,23 +67,26 @@ private:
     // each slot also brings its GPS format in.
     void fillPlatforms()
     {
-        QTableWidget* platforms = ui()->tableWidgetPlatforms;
-        platforms->setSortingEnabled(false);
-        platforms->setRowCount(0);
+        ui()->tableWidgetPlatforms->setSortingEnabled(false);
+        ui()->tableWidgetPlatforms->setRowCount(0);
         usedSlots_.clear();
         for (int i = 0; i < window_->gnxLink()->maxPlatformsNumber(); ++i) {
             if (sim_->platformSlot(i).isEmpty())
                 continue;
             const auto info = window_->gnxLink()->getPlatformInfo(i);
-            const int row = platforms->rowCount();
-            platforms->insertRow(row);
-            const QStringList cells{QString::number(i), info.id, info.label,
-                                    info.gpsFormat ? info.gpsFormat->name : QString()};
-            for (int c = 0; c < cells.size(); ++c)
-                platforms->setItem(row, c, new QTableWidgetItem(cells[c]));
+            addPlatformRow(
+                {QString::number(i), info.id, info.label, info.gpsFormat ? info.gpsFormat->name : ""});
             usedSlots_ << i;
         }
         QVERIFY(!usedSlots_.isEmpty());
+    }
+
+    void addPlatformRow(const QStringList& cells)
+    {
+        QTableWidget* platforms = ui()->tableWidgetPlatforms;
+        platforms->insertRow(platforms->rowCount());
+        for (int c = 0; c < cells.size(); ++c)
+            platforms->setItem(platforms->rowCount() - 1, c, new QTableWidgetItem(cells[c]));
     }
 
     void emitFrom(int slot, bool favourite)
@@ -188,13 +191,8 @@ private slots:
         format.latitude = {0, 0, 8, 24, 1, 1, 0, 1, 0};
         format.longitude = {0, 0, 32, 24, 1, 1, 0, 1, 1}; // folds back to negative
         QVERIFY(OrviaGonioManager::Utils::GpsFormat::instance()->importGpsFormat(format));
-        QTableWidget* platforms = ui()->tableWidgetPlatforms;
-        for (const QStringList& cells :
-             {QStringList{"5", "ABCDE", "Raw A", "RAW"}, {"6", "ABCDEF0", "Raw B", "RAW"}}) {
-            platforms->insertRow(0);
-            for (int c = 0; c < cells.size(); ++c)
-                platforms->setItem(0, c, new QTableWidgetItem(cells[c]));
-        }
+        addPlatformRow({"5", "ABCDE", "Raw A", "RAW"});
+        addPlatformRow({"6", "ABCDEF0", "Raw B", "RAW"});
         sim_->sendRawLine(line);
         QTRY_COMPARE_WITH_TIMEOUT(rx()->rowCount(), 1, 10000);
         QStringList cells;
@@ -211,7 +209,7 @@ private slots:
         for (int slot : usedSlots_)
             emitFrom(slot, true);
 
-        // Nothing written when the dialog is cancelled.
+        // Cancelled: nothing to check but the dialog's caption and filter.
         ui()->pushButtonRxExport->click();
         QCOMPARE(dialogs_->fileCaptions.value(0),
                  QString("Select RX file (CSV format)|RX Files (*.csv *.txt);;All files (*)"));
