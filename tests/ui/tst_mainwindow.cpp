@@ -1,62 +1,20 @@
 // The main window against the emulator over a pseudo-terminal: detection, connection,
 // the session log, configuration edits, disconnections and a firmware update.
-#include "app/Settings.h"
-#include "common/RecordingDialogs.h"
-#include "mrl/ui/LogHub.h"
+#include "common/WindowFixture.h"
 #include "sim/Firmware.h"
-#include "sim/PtySimulator.h"
-#include "ui/MainWindow.h"
 #include "ui/SessionLog.h"
-#include "ui_MainWindow.h"
 
-#include <QAction>
 #include <QDateTimeEdit>
-#include <QDir>
 #include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
 
-using OrviaGonioManager::Ui::MainWindow;
 using OrviaGonioManager::Ui::SessionLog;
 
 namespace {
-
-struct LogCapture
-{
-    LogCapture()
-    {
-        QObject::connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &ctx, record);
-    }
-    int count(int type, const QString& text) const
-    {
-        int n = 0;
-        for (const auto& m : messages)
-            n += (m.first == type && m.second == text) ? 1 : 0;
-        return n;
-    }
-    QObject ctx;
-    QList<QPair<int, QString>> messages;
-    std::function<void(QDateTime, int, QString)> record = [this](QDateTime, int type, QString text) {
-        messages.append({type, text});
-    };
-};
-
-gnxsim::Model modelOf(const QString& name)
-{
-    return name == QLatin1String("gnx134") ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-}
 
 QString logIdentity(const gnxsim::PtySimulator& sim)
 {
     const QStringList parts = sim.serialNumber().split('-');
     return parts.value(0).rightJustified(4, '0') + "-" + parts.value(1);
-}
-
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    f.open(QIODevice::ReadOnly);
-    return f.readAll();
 }
 
 // Lines of a command written with values (not a read with every parameter empty).
@@ -78,47 +36,11 @@ QStringList writesOf(const QStringList& lines, const QString& mnemonic)
 
 } // namespace
 
-class TestMainWindow : public QObject
+class TestMainWindow : public QObject, private WindowFixture
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir workDir_;
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::unique_ptr<gnxsim::PtySimulator> sim2_;
-    std::unique_ptr<MainWindow> window_;
-    std::unique_ptr<RecordingDialogs> dialogs_;
-
-    ::Ui::MainWindow* ui() const { return window_->form(); }
-
-    void startSim(const QString& model, gnxsim::Mode mode = gnxsim::Mode::App)
-    {
-        gnxsim::Options options;
-        options.model = modelOf(model);
-        options.mode = mode;
-        options.platforms = 2;
-        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
-        QVERIFY2(sim_->start(), qPrintable(sim_->errorString()));
-    }
-
-    void showWindow(const QStringList& ports)
-    {
-        qputenv("GNX_EXTRA_PORTS", ports.join(':').toLocal8Bit());
-        window_ = std::make_unique<MainWindow>();
-        window_->show();
-        for (const QString& port : ports)
-            QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
-    }
-
-    void connectTo(const QString& port)
-    {
-        QAction* action = window_->portAction(port);
-        QVERIFY(action);
-        action->trigger();
-        QCOMPARE(window_->connectedPort(), port);
-        QVERIFY(ui()->lineEditVersionsStatus->text().startsWith("Connected at "));
-    }
-
     struct Edit
     {
         const char* what;
@@ -154,30 +76,9 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        // Settings and the GPS formats file are found relative to the working directory.
-        QDir(workDir_.path()).mkpath("run");
-        QDir(workDir_.path()).mkpath("Data");
-        QFile formats(workDir_.filePath("Data/format.vtl"));
-        QVERIFY(formats.open(QIODevice::WriteOnly));
-        formats.write("0\n");
-        formats.close();
-        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
-        auto& settings = OrviaGonioManager::Utils::Settings::instance();
-        settings.keepAlivePeriodMs = 0; // keeps the emulator's command log to what the window sends
-        settings.gnxCommandTimeoutMs = 5000;
-    }
-
-    void init() { dialogs_ = std::make_unique<RecordingDialogs>(); }
-
-    void cleanup()
-    {
-        window_.reset();
-        sim_.reset();
-        sim2_.reset();
-        dialogs_.reset();
-    }
+    void initTestCase() { QVERIFY(setUpWorkDir()); }
+    void init() { resetDialogs(); }
+    void cleanup() { tearDown(); }
 
     void connecting_data()
     {
@@ -190,16 +91,16 @@ private slots:
     {
         QFETCH(QString, model);
         const bool gnx134 = model == "gnx134";
-        startSim(model);
+        QVERIFY(startSim(sim_, simOptions(model, 2)));
         const QString port = sim_->slavePath();
         const QString logPath = SessionLog::defaultDirectory() + "/Log " + logIdentity(*sim_) + ".txt";
         QFile::remove(logPath);
-        showWindow({port});
+        QVERIFY(showWindow({port}));
         QCOMPARE(window_->portAction(port)->toolTip(), "Connect to GNX @" + port);
         QVERIFY(!ui()->tabWidget->isEnabled());
 
         LogCapture logs;
-        connectTo(port);
+        QVERIFY(connectTo(port));
         QVERIFY(ui()->tabWidget->isEnabled());
         QCOMPARE(ui()->lineEditVersionsSerialNumber->text(), "SN/" + logIdentity(*sim_));
         QCOMPARE(ui()->lineEditVersionsGonio->text(), gnx134 ? QString("GONIO V1") : QString("GONIO V2"));
@@ -226,7 +127,7 @@ private slots:
         QVERIFY(!ui()->tabWidget->isEnabled());
         QVERIFY(!window_->gnxLink()->isConnected());
 
-        connectTo(port);
+        QVERIFY(connectTo(port));
         log = readAll(logPath);
         const QList<QByteArray> lines = log.split('\n');
         QCOMPARE(lines.size(), 6); // first session, three empty lines, second session, final ""
@@ -240,9 +141,7 @@ private slots:
     {
         QFETCH(QString, model);
         const bool gnx134 = model == "gnx134";
-        startSim(model);
-        showWindow({sim_->slavePath()});
-        connectTo(sim_->slavePath());
+        QVERIFY(startAndConnect(simOptions(model, 2)));
 
         const QList<Edit> softwareEdits{
             {"audio", [&] { ui()->checkBoxSetupSoftwareAudio->toggle(); }, 0, false},
@@ -343,9 +242,7 @@ private slots:
 
     void refreshingSendsNoWrites()
     {
-        startSim("gnx234");
-        showWindow({sim_->slavePath()});
-        connectTo(sim_->slavePath());
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         // The device reports other values than the widgets show: writing them into the widgets
         // must not send them back.
         QStringList other = sim_->softwareSetup();
@@ -364,9 +261,7 @@ private slots:
 
     void unconnectedWidgetsSendNothing()
     {
-        startSim("gnx234");
-        showWindow({sim_->slavePath()});
-        connectTo(sim_->slavePath());
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         window_->portAction(sim_->slavePath())->trigger(); // disconnect
         sim_->clearReceived();
         ui()->checkBoxSetupSoftwareAudio->toggle();
@@ -379,18 +274,15 @@ private slots:
 
     void secondPortDisconnectsTheFirst()
     {
-        startSim("gnx234");
-        gnxsim::Options other;
-        other.model = gnxsim::Model::Gnx134;
-        sim2_ = std::make_unique<gnxsim::PtySimulator>(other);
-        QVERIFY(sim2_->start());
+        QVERIFY(startSim(sim_, simOptions("gnx234", 2)));
+        QVERIFY(startSim(sim2_, simOptions("gnx134")));
         const QString first = sim_->slavePath();
         const QString second = sim2_->slavePath();
-        showWindow({first, second});
-        connectTo(first);
+        QVERIFY(showWindow({first, second}));
+        QVERIFY(connectTo(first));
 
         LogCapture logs;
-        connectTo(second);
+        QVERIFY(connectTo(second));
         QCOMPARE(logs.count(QtInfoMsg,
                             "Disconnection of " + first + " (Disconnection of currently connected GNX)."),
                  1);
@@ -401,10 +293,8 @@ private slots:
 
     void unplugReturnsToUnconnectedState()
     {
-        startSim("gnx234");
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         const QString port = sim_->slavePath();
-        showWindow({port});
-        connectTo(port);
 
         LogCapture logs;
         sim_->unplug();
@@ -424,16 +314,11 @@ private slots:
 
     void firmwareUpdate()
     {
-        startSim("gnx234");
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         const QString port = sim_->slavePath();
-        const QString van = workDir_.filePath("update.van");
-        {
-            QFile f(van);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write(gnxsim::Firmware::vanFile(gnxsim::Model::Gnx234, "7.7.7", 30));
-        }
-        showWindow({port});
-        connectTo(port);
+        const QString van =
+            writeFile("update.van", gnxsim::Firmware::vanFile(gnxsim::Model::Gnx234, "7.7.7", 30));
+        QVERIFY(!van.isEmpty());
         QCOMPARE(ui()->pushButtonSwitchMode->text(), QString("Switch to firmware update mode..."));
 
         // Switch to the bootloader.
@@ -447,7 +332,7 @@ private slots:
         QVERIFY(window_->connectedPort().isEmpty());
 
         // Reconnect in bootloader mode and upload.
-        connectTo(port);
+        QVERIFY(connectTo(port));
         QCOMPARE(ui()->pushButtonSwitchMode->text(), QString("Switch back to standard mode..."));
         QSignalSpy progress(window_->gnxLink(), &OrviaGonioManager::Com::GnxLink::sigFirmwareProgress);
         dialogs_->files << van;
@@ -484,15 +369,9 @@ private slots:
     {
         QFETCH(QByteArray, content);
         QFETCH(QString, error);
-        startSim("gnx234");
-        showWindow({sim_->slavePath()});
-        connectTo(sim_->slavePath());
-        const QString path = workDir_.filePath("bad.van");
-        {
-            QFile f(path);
-            QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-            f.write(content);
-        }
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
+        const QString path = writeFile("bad.van", content);
+        QVERIFY(!path.isEmpty());
         dialogs_->files << path;
         ui()->pushButtonUpdateFirmware->click();
         QCOMPARE(dialogs_->criticals, QStringList{error.contains("%1") ? error.arg(path) : error});

@@ -1,17 +1,6 @@
 // The "Favorite platforms" and "GPS Format Info" tabs against the emulator over a pseudo-terminal:
 // what the table shows, what reaches the receiver, the platform files and the GPS formats file.
-#include "app/Settings.h"
-#include "common/RecordingDialogs.h"
-#include "sim/PtySimulator.h"
-#include "ui/MainWindow.h"
-#include "ui_MainWindow.h"
-
-#include <QAction>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTest>
-
-using OrviaGonioManager::Ui::MainWindow;
+#include "common/WindowFixture.h"
 
 namespace {
 
@@ -35,20 +24,6 @@ QStringList itemsOf(const QComboBox* combo)
     return items;
 }
 
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    f.open(QIODevice::ReadOnly);
-    return f.readAll();
-}
-
-void writeFile(const QString& path, const QByteArray& data)
-{
-    QFile f(path);
-    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(data);
-}
-
 // A GPS formats file line: name, three texts, then 27 numbers.
 QByteArray formatLine(const QString& name)
 {
@@ -60,34 +35,11 @@ QByteArray formatLine(const QString& name)
 
 } // namespace
 
-class TestPlatformsTab : public QObject
+class TestPlatformsTab : public QObject, private WindowFixture
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir workDir_;
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::unique_ptr<MainWindow> window_;
-    std::unique_ptr<RecordingDialogs> dialogs_;
-
-    ::Ui::MainWindow* ui() const { return window_->form(); }
-
-    void connectTo(const QString& model, int platforms)
-    {
-        gnxsim::Options options;
-        options.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-        options.platforms = platforms;
-        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
-        QVERIFY2(sim_->start(), qPrintable(sim_->errorString()));
-        const QString port = sim_->slavePath();
-        qputenv("GNX_EXTRA_PORTS", port.toLocal8Bit());
-        window_ = std::make_unique<MainWindow>();
-        window_->show();
-        QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
-        window_->portAction(port)->trigger();
-        QCOMPARE(window_->connectedPort(), port);
-    }
-
     // The table the receiver's slots should give: index, identifier, label, format name.
     QStringList deviceRows() const
     {
@@ -101,28 +53,15 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        QDir(workDir_.path()).mkpath("run");
-        QDir(workDir_.path()).mkpath("Data");
-        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
-        auto& settings = OrviaGonioManager::Utils::Settings::instance();
-        settings.keepAlivePeriodMs = 0;
-        settings.gnxCommandTimeoutMs = 5000;
-    }
+    void initTestCase() { QVERIFY(setUpWorkDir()); }
 
     void init()
     {
-        writeFile(workDir_.filePath("Data/format.vtl"), "0\n");
-        dialogs_ = std::make_unique<RecordingDialogs>();
+        QVERIFY(!writeFile("Data/format.vtl", "0\n").isEmpty());
+        resetDialogs();
     }
 
-    void cleanup()
-    {
-        window_.reset();
-        sim_.reset();
-        dialogs_.reset();
-    }
+    void cleanup() { tearDown(); }
 
     void platforms_data()
     {
@@ -135,7 +74,7 @@ private slots:
     {
         QFETCH(QString, model);
         const bool gnx134 = model == "gnx134";
-        connectTo(model, 5);
+        QVERIFY(startAndConnect(simOptions(model, 5)));
         QTableWidget* table = ui()->tableWidgetPlatforms;
         QCOMPARE(rowsOf(table), deviceRows());
         // The slots' formats were taken over from the receiver.
@@ -205,8 +144,9 @@ private slots:
             QCOMPARE(sim_->platformSlot(i).join(','), slotsBefore[i]);
 
         // A file of the other generation stops at its first line.
-        const QString other = workDir_.filePath("other.csv");
-        writeFile(other, gnx134 ? "# header\n12345,Buoy,,10,0,0,1,0\n" : "12345,Buoy,,10,3\n");
+        const QString other =
+            writeFile("other.csv", gnx134 ? "# header\n12345,Buoy,,10,0,0,1,0\n" : "12345,Buoy,,10,3\n");
+        QVERIFY(!other.isEmpty());
         dialogs_->answers << QMessageBox::Yes;
         dialogs_->files << other;
         ui()->pushButtonPlatformsImport->click();
@@ -219,8 +159,8 @@ private slots:
 
     void gpsFormats()
     {
-        writeFile(workDir_.filePath("Data/format.vtl"), "2\n" + formatLine("Alpha") + formatLine("Beta"));
-        connectTo("gnx234", 0);
+        QVERIFY(!writeFile("Data/format.vtl", "2\n" + formatLine("Alpha") + formatLine("Beta")).isEmpty());
+        QVERIFY(startAndConnect(simOptions("gnx234")));
         QTableWidget* table = ui()->tableWidgetGpsFormats;
         QCOMPARE(rowsOf(table), QStringList({"Alpha|From VTL file", "Beta|From VTL file"}));
         QCOMPARE(itemsOf(ui()->comboBoxPlatformsGpsFormats), QStringList({"No GPS Format", "Alpha", "Beta"}));

@@ -1,18 +1,7 @@
 // The "RX" tab against the emulator over a pseudo-terminal: live reports, the ID filter, the CSV
 // export, reading and erasing the flash memory.
-#include "app/Settings.h"
-#include "common/RecordingDialogs.h"
-#include "sim/PtySimulator.h"
-#include "ui/MainWindow.h"
-#include "ui_MainWindow.h"
+#include "common/WindowFixture.h"
 #include "utils/GpsFormat.h"
-
-#include <QAction>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTest>
-
-using OrviaGonioManager::Ui::MainWindow;
 
 namespace {
 
@@ -22,50 +11,25 @@ QString cell(QTableWidget* table, int row, int column)
     return item ? item->text() : QString();
 }
 
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    f.open(QIODevice::ReadOnly);
-    return f.readAll();
-}
-
 } // namespace
 
-class TestRxTab : public QObject
+class TestRxTab : public QObject, private WindowFixture
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir workDir_;
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::unique_ptr<MainWindow> window_;
-    std::unique_ptr<RecordingDialogs> dialogs_;
     QList<int> usedSlots_;
 
-    ::Ui::MainWindow* ui() const { return window_->form(); }
     QTableWidget* rx() const { return ui()->tableWidgetRx; }
 
-    void connectTo(const QString& model, int flashRecords = 0)
+    bool connectModel(const QString& model, int flashRecords = 0)
     {
-        gnxsim::Options options;
-        options.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-        options.platforms = 3;
-        options.flashRecords = flashRecords;
-        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
-        QVERIFY2(sim_->start(), qPrintable(sim_->errorString()));
-        const QString port = sim_->slavePath();
-        qputenv("GNX_EXTRA_PORTS", port.toLocal8Bit());
-        window_ = std::make_unique<MainWindow>();
-        window_->show();
-        QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
-        window_->portAction(port)->trigger();
-        QCOMPARE(window_->connectedPort(), port);
-        fillPlatforms();
+        return startAndConnect(simOptions(model, 3, flashRecords)) && fillPlatforms();
     }
 
     // The favourites table as the platforms tab shows it (Index, Id, Label, GPS Format); reading
     // each slot also brings its GPS format in.
-    void fillPlatforms()
+    bool fillPlatforms()
     {
         ui()->tableWidgetPlatforms->setSortingEnabled(false);
         ui()->tableWidgetPlatforms->setRowCount(0);
@@ -78,7 +42,7 @@ private:
                 {QString::number(i), info.id, info.label, info.gpsFormat ? info.gpsFormat->name : ""});
             usedSlots_ << i;
         }
-        QVERIFY(!usedSlots_.isEmpty());
+        return !usedSlots_.isEmpty();
     }
 
     void addPlatformRow(const QStringList& cells)
@@ -105,28 +69,9 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        QDir(workDir_.path()).mkpath("run");
-        QDir(workDir_.path()).mkpath("Data");
-        QFile formats(workDir_.filePath("Data/format.vtl"));
-        QVERIFY(formats.open(QIODevice::WriteOnly));
-        formats.write("0\n");
-        formats.close();
-        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
-        auto& settings = OrviaGonioManager::Utils::Settings::instance();
-        settings.keepAlivePeriodMs = 0;
-        settings.gnxCommandTimeoutMs = 5000;
-    }
-
-    void init() { dialogs_ = std::make_unique<RecordingDialogs>(); }
-
-    void cleanup()
-    {
-        window_.reset();
-        sim_.reset();
-        dialogs_.reset();
-    }
+    void initTestCase() { QVERIFY(setUpWorkDir()); }
+    void init() { resetDialogs(); }
+    void cleanup() { tearDown(); }
 
     void liveReports_data()
     {
@@ -144,7 +89,7 @@ private slots:
         QFETCH(QString, model);
         QFETCH(bool, favourite);
         const bool gnx134 = model == "gnx134";
-        connectTo(model);
+        QVERIFY(connectModel(model));
         ui()->checkBoxRxLogToFile->setChecked(true);
         for (int slot : usedSlots_) {
             emitFrom(slot, favourite);
@@ -185,7 +130,7 @@ private slots:
     {
         QFETCH(QString, line);
         QFETCH(QString, expected);
-        connectTo("gnx234");
+        QVERIFY(connectModel("gnx234"));
         OrviaGonioManager::Utils::GpsFormat_t format;
         format.name = "RAW";
         format.latitude = {0, 0, 8, 24, 1, 1, 0, 1, 0};
@@ -204,7 +149,7 @@ private slots:
     // Export of the visible rows, or of the selected ones; commas inside cells are not escaped.
     void exportAndFilter()
     {
-        connectTo("gnx234");
+        QVERIFY(connectModel("gnx234"));
         ui()->tableWidgetPlatforms->item(0, 2)->setText("North, buoy");
         for (int slot : usedSlots_)
             emitFrom(slot, true);
@@ -257,7 +202,7 @@ private slots:
     void readFlash()
     {
         QFETCH(QString, model);
-        connectTo(model, 12);
+        QVERIFY(connectModel(model, 12));
         QMap<QString, QString> livePositions; // time and index -> payload position
         for (int slot : usedSlots_) {
             emitFrom(slot, true);
@@ -287,7 +232,7 @@ private slots:
     {
         QFETCH(QString, model);
         const bool gnx134 = model == "gnx134";
-        connectTo(model, 4);
+        QVERIFY(connectModel(model, 4));
         const QString question = "Delete RX messages in flash memory?|"
                                  "Are you sure you want to delete RX messages in flash memory?";
         sim_->clearReceived();

@@ -1,18 +1,7 @@
 // The "Terminal" tab against the emulator over a pseudo-terminal: typed commands, scripts played
 // back line by line, and the configuration saved as a script and replayed on a second receiver.
-#include "app/Settings.h"
-#include "common/RecordingDialogs.h"
+#include "common/WindowFixture.h"
 #include "sim/Frame.h"
-#include "sim/PtySimulator.h"
-#include "ui/MainWindow.h"
-#include "ui_MainWindow.h"
-
-#include <QAction>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTest>
-
-using OrviaGonioManager::Ui::MainWindow;
 
 namespace {
 
@@ -28,54 +17,18 @@ QStringList withoutClock(QStringList setup)
 
 } // namespace
 
-class TestTerminalTab : public QObject
+class TestTerminalTab : public QObject, private WindowFixture
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir workDir_;
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::unique_ptr<gnxsim::PtySimulator> sim2_;
-    std::unique_ptr<MainWindow> window_;
-    std::unique_ptr<RecordingDialogs> dialogs_;
-
-    ::Ui::MainWindow* ui() const { return window_->form(); }
-
-    static std::unique_ptr<gnxsim::PtySimulator> startSim(gnxsim::Model model, int platforms, quint32 seed)
+    // Connected, with the emulator's command log emptied of what connecting sent.
+    bool showAndConnect(const QString& model = "gnx234", int platforms = 0)
     {
-        gnxsim::Options options;
-        options.model = model;
-        options.platforms = platforms;
-        options.seed = seed;
-        auto sim = std::make_unique<gnxsim::PtySimulator>(options);
-        return sim->start() ? std::move(sim) : nullptr;
-    }
-
-    void connectTo(const QString& port)
-    {
-        QTRY_VERIFY_WITH_TIMEOUT(window_->portAction(port), 10000);
-        window_->portAction(port)->trigger();
-        QCOMPARE(window_->connectedPort(), port);
-    }
-
-    void showAndConnect(gnxsim::Model model = gnxsim::Model::Gnx234, int platforms = 0)
-    {
-        sim_ = startSim(model, platforms, 1);
-        QVERIFY(sim_);
-        qputenv("GNX_EXTRA_PORTS", sim_->slavePath().toLocal8Bit());
-        window_ = std::make_unique<MainWindow>();
-        window_->show();
-        connectTo(sim_->slavePath());
+        if (!startAndConnect(simOptions(model, platforms)))
+            return false;
         sim_->clearReceived();
-    }
-
-    QString writeFile(const QString& name, const QByteArray& content)
-    {
-        const QString path = workDir_.filePath(name);
-        QFile f(path);
-        return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(content) == content.size()
-                   ? path
-                   : QString();
+        return true;
     }
 
     void play(const QString& path)
@@ -86,30 +39,13 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        QDir(workDir_.path()).mkpath("run");
-        QDir(workDir_.path()).mkpath("Data");
-        QVERIFY(!writeFile("Data/format.vtl", "0\n").isEmpty());
-        QVERIFY(QDir::setCurrent(workDir_.filePath("run")));
-        auto& settings = OrviaGonioManager::Utils::Settings::instance();
-        settings.keepAlivePeriodMs = 0; // the emulator's command log holds only what the window sends
-        settings.gnxCommandTimeoutMs = 5000;
-    }
-
-    void init() { dialogs_ = std::make_unique<RecordingDialogs>(); }
-
-    void cleanup()
-    {
-        window_.reset();
-        sim_.reset();
-        sim2_.reset();
-        dialogs_.reset();
-    }
+    void initTestCase() { QVERIFY(setUpWorkDir()); }
+    void init() { resetDialogs(); }
+    void cleanup() { tearDown(); }
 
     void sendPassesTheLine()
     {
-        showAndConnect();
+        QVERIFY(showAndConnect());
         // A known command waits for its reply: the values are there as soon as the click returns.
         const QStringList reply{"GNX234", "77", "88", "B", "APP", "1.0", "2.0", "3.0"};
         sim_->overrideNextReply("TEST", reply);
@@ -143,7 +79,7 @@ private slots:
         QFETCH(QByteArray, script);
         QFETCH(QStringList, sent);
         QFETCH(int, errors);
-        showAndConnect();
+        QVERIFY(showAndConnect());
         const QString path = writeFile("script.gnx", script);
         play(path);
         // An awaited marker: whatever the script sent has reached the device before it.
@@ -156,7 +92,7 @@ private slots:
 
     void fileErrors()
     {
-        showAndConnect();
+        QVERIFY(showAndConnect());
         const QString dir = workDir_.filePath("missing-dir");
         dialogs_->files << dir + "/config.gnx";
         ui()->pushButtonTerminalSaveScript->click();
@@ -178,9 +114,8 @@ private slots:
     void saveAndPlayBack()
     {
         QFETCH(QString, model);
-        const auto generation = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
         const QList<int> used{0, 2, 5};
-        showAndConnect(generation, 6);
+        QVERIFY(showAndConnect(model, 6));
         for (int i : {1, 3, 4}) // gaps between the used slots
             window_->gnxLink()->deletePlatformInfo(i);
         window_->slotGetPlatformsInfo();
@@ -220,10 +155,11 @@ private slots:
         }
 
         // Played on a second receiver, the script reproduces the setups and the slots.
-        sim2_ = startSim(generation, 0, 7);
-        QVERIFY(sim2_);
+        gnxsim::Options options = simOptions(model);
+        options.seed = 7;
+        QVERIFY(startSim(sim2_, options));
         qputenv("GNX_EXTRA_PORTS", (sim_->slavePath() + ":" + sim2_->slavePath()).toLocal8Bit());
-        connectTo(sim2_->slavePath());
+        QVERIFY(connectTo(sim2_->slavePath()));
         QVERIFY(sim2_->hardwareSetup() != sim_->hardwareSetup());
         sim2_->clearReceived();
         play(path);
