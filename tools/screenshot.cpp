@@ -1,14 +1,16 @@
 // Takes the README's screenshot: the window connected to an in-process emulator.
-// Usage: ogm_screenshot <output.png> [gnx134|gnx234]
+// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index]
 #include "app/Settings.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/ToplevelApplication.h"
 #include "sim/PtySimulator.h"
 #include "ui/MainWindow.h"
+#include "ui_MainWindow.h"
 
 #include <QAction>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -37,6 +39,9 @@ int main(int argc, char** argv)
     // Settings and logs stay in a scratch directory.
     QTemporaryDir work;
     QDir(work.path()).mkpath(QStringLiteral("run"));
+    QDir(work.path()).mkpath(QStringLiteral("Data"));
+    QFile::copy(QStringLiteral(OGM_SOURCE_DIR "/Data/format.vtl"),
+                work.filePath(QStringLiteral("Data/format.vtl")));
     QDir::setCurrent(work.filePath(QStringLiteral("run")));
     OrviaGonioManager::Utils::Settings::instance().keepAlivePeriodMs = 0;
 
@@ -54,6 +59,12 @@ int main(int argc, char** argv)
         return 1;
     }
     action->trigger();
+    const int tab = args.value(3).toInt();
+    if (tab > 0) {
+        window.form()->tabWidget->setCurrentIndex(tab);
+        if (tab == 2) // RX: show what the flash memory holds
+            window.form()->pushButtonRxFlashRead->click();
+    }
     int status = 1;
     QTimer::singleShot(500, &app, [&] {
         status = window.grab().save(output) ? 0 : 1;
