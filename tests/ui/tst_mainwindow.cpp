@@ -293,8 +293,14 @@ private slots:
 
     void unplugReturnsToUnconnectedState()
     {
-        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
-        const QString port = sim_->slavePath();
+        // Through a link of its own: a pseudo-terminal's number may be taken again at once by a
+        // test running beside this one, while the link goes away with the unplug.
+        gnxsim::Options options = simOptions("gnx234", 2);
+        options.linkPath = workDir_.filePath("gnx-unplug");
+        const QString port = options.linkPath;
+        QVERIFY(startSim(sim_, options));
+        QVERIFY(showWindow({port}));
+        QVERIFY(connectTo(port));
 
         LogCapture logs;
         sim_->unplug();
