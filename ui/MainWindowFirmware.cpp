@@ -17,11 +17,8 @@ using MRL::Utils::Exception;
 void MainWindow::slotSwitchMode()
 {
     guard([&] {
-        const auto answer = MRL::Ui::Dialogs::instance().question(
-            this, QStringLiteral("Switch mode?"),
-            QStringLiteral("Are you sure you want to switch to BL/APP mode?"),
-            QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
-        if (answer != QMessageBox::Yes)
+        if (!MRL::Ui::Dialogs::confirm(this, QStringLiteral("Switch mode?"),
+                                       QStringLiteral("Are you sure you want to switch to BL/APP mode?")))
             return;
         gnxLink_->switchMode();
         gnxDisconnected(gnxLink_->portName(), QStringLiteral("Please reconnect to GNX"), false);
@@ -56,12 +53,11 @@ void MainWindow::slotUpdateFirmware()
                                 .arg(int(gnxLink_->version())),
                             2);
 
-        const auto answer = MRL::Ui::Dialogs::instance().question(
-            this, QStringLiteral("Update firmware?"),
-            QStringLiteral("Are you sure you want to update firmware to %1? This will delete ALL your data.")
-                .arg(match.captured(QStringLiteral("firmwareVersion"))),
-            QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
-        if (answer != QMessageBox::Yes)
+        if (!MRL::Ui::Dialogs::confirm(
+                this, QStringLiteral("Update firmware?"),
+                QStringLiteral(
+                    "Are you sure you want to update firmware to %1? This will delete ALL your data.")
+                    .arg(match.captured(QStringLiteral("firmwareVersion")))))
             return;
         lines.removeFirst();
         uploadWithProgress(lines);

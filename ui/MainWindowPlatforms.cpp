@@ -422,10 +422,9 @@ bool MainWindow::slotDeleteAllPlatforms()
 {
     bool done = false;
     guard([&] {
-        if (MRL::Ui::Dialogs::instance().question(
+        if (!MRL::Ui::Dialogs::confirm(
                 this, QStringLiteral("Delete all platforms?"),
-                QStringLiteral("Are you sure you want to delete all favorite platform entries?"),
-                QMessageBox::Yes | QMessageBox::No, QMessageBox::No) != QMessageBox::Yes)
+                QStringLiteral("Are you sure you want to delete all favorite platform entries?")))
             return;
         // Every slot, not only the listed ones: the list may be older than the receiver.
         const int slotCount = gnxLink_->maxPlatformsNumber();
@@ -468,12 +467,11 @@ void MainWindow::slotSavePlatformsInfo()
         // The receiver keys the slot's recorded messages by identifier: a new one re-creates it.
         const bool recreate = row >= 0 && edited.id.compare(stored.id, Qt::CaseInsensitive) != 0;
         if (recreate &&
-            MRL::Ui::Dialogs::instance().question(
+            !MRL::Ui::Dialogs::confirm(
                 this, QStringLiteral("Delete associated flash memory?"),
                 QStringLiteral("This modification will need a delete and create operation on this platform."
                                "\n\nAll recorded message in flash memory associated to this platform will "
-                               "be lost.\n\nAre you sure you want to continue?"),
-                QMessageBox::Yes | QMessageBox::No, QMessageBox::No) != QMessageBox::Yes)
+                               "be lost.\n\nAre you sure you want to continue?")))
             return;
         gnxLink_->setPlatformInfo(edited, recreate);
         if (gnxLink_->isRecording())
@@ -531,10 +529,9 @@ void MainWindow::slotDeletePlatformsInfo()
         const int row = selectedRow(table);
         if (row < 0)
             return;
-        if (MRL::Ui::Dialogs::instance().question(
+        if (!MRL::Ui::Dialogs::confirm(
                 this, QStringLiteral("Delete platform?"),
-                QStringLiteral("Are you sure you want to delete this favorite platform entry?"),
-                QMessageBox::Yes | QMessageBox::No, QMessageBox::No) != QMessageBox::Yes)
+                QStringLiteral("Are you sure you want to delete this favorite platform entry?")))
             return;
         gnxLink_->deletePlatformInfo(table->item(row, COLUMN_INDEX)->data(Qt::DisplayRole).toInt());
         const QSignalBlocker blocker(table);
@@ -640,10 +637,8 @@ void MainWindow::slotDeleteGpsFormats()
         const int row = selectedRow(table);
         if (row < 0)
             return;
-        if (MRL::Ui::Dialogs::instance().question(
-                this, QStringLiteral("Delete GPS format?"),
-                QStringLiteral("Are you sure you want to delete this GPS format?"),
-                QMessageBox::Yes | QMessageBox::No, QMessageBox::No) != QMessageBox::Yes)
+        if (!MRL::Ui::Dialogs::confirm(this, QStringLiteral("Delete GPS format?"),
+                                       QStringLiteral("Are you sure you want to delete this GPS format?")))
             return;
         const QString name = table->item(row, 0)->text();
         GpsFormat::instance()->deleteGpsFormat(name);

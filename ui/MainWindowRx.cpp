@@ -273,11 +273,9 @@ void MainWindow::slotReadFlashMemory()
 void MainWindow::slotEraseFlashMemory()
 {
     guard([&] {
-        const auto answer = MRL::Ui::Dialogs::instance().question(
-            this, QStringLiteral("Delete RX messages in flash memory?"),
-            QStringLiteral("Are you sure you want to delete RX messages in flash memory?"),
-            QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
-        if (answer != QMessageBox::Yes)
+        if (!MRL::Ui::Dialogs::confirm(
+                this, QStringLiteral("Delete RX messages in flash memory?"),
+                QStringLiteral("Are you sure you want to delete RX messages in flash memory?")))
             return;
         if (gnxLink_->version() != Com::GnxLink::GNX_V1) {
             gnxLink_->deleteFlashMemory();

@@ -40,6 +40,12 @@ QString Dialogs::getSaveFileName(QWidget* parent, const QString& caption, const 
     return QFileDialog::getSaveFileName(parent, caption, QString(), filter);
 }
 
+bool Dialogs::confirm(QWidget* parent, const QString& title, const QString& text)
+{
+    return instance().question(parent, title, text, QMessageBox::Yes | QMessageBox::No, QMessageBox::No) ==
+           QMessageBox::Yes;
+}
+
 Dialogs& Dialogs::instance()
 {
     static Dialogs real;

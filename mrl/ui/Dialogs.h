@@ -23,6 +23,9 @@ public:
     virtual QString getOpenFileName(QWidget* parent, const QString& caption, const QString& filter);
     virtual QString getSaveFileName(QWidget* parent, const QString& caption, const QString& filter);
 
+    // A Yes/No question whose default is No; true when the user answered Yes.
+    static bool confirm(QWidget* parent, const QString& title, const QString& text);
+
     static Dialogs& instance();
     // Installs a replacement (not owned); nullptr restores the real dialogs.
     static void setInstance(Dialogs* dialogs);
