@@ -4,8 +4,13 @@
 #include "sim/Firmware.h"
 #include "ui/SessionLog.h"
 
+#include <QCheckBox>
+#include <QComboBox>
 #include <QDateTimeEdit>
+#include <QLineEdit>
 #include <QSignalSpy>
+#include <QSlider>
+#include <QSpinBox>
 
 using OrviaGonioManager::Ui::SessionLog;
 
@@ -43,11 +48,27 @@ class TestMainWindow : public QObject, private WindowFixture
 private:
     struct Edit
     {
-        const char* what;
-        std::function<void()> change;
+        QWidget* widget;
         int index; // field that must change on the device
         bool v2Only;
     };
+
+    // Changes a widget's value as a user would: toggle, next entry, next step, new text.
+    static void change(QWidget* w)
+    {
+        if (auto* box = qobject_cast<QCheckBox*>(w))
+            box->toggle();
+        else if (auto* combo = qobject_cast<QComboBox*>(w))
+            combo->setCurrentIndex((combo->currentIndex() + 1) % qMin(combo->count(), 9));
+        else if (auto* slider = qobject_cast<QSlider*>(w))
+            slider->setValue((slider->value() + 7) % (slider->maximum() + 1));
+        else if (auto* spin = qobject_cast<QSpinBox*>(w))
+            spin->setValue(spin->value() + 5 > spin->maximum() ? spin->minimum() : spin->value() + 5);
+        else if (auto* edit = qobject_cast<QLineEdit*>(w)) {
+            edit->setText(edit->text() == "E12.5" ? "W3" : "E12.5");
+            emit edit->editingFinished();
+        }
+    }
 
     // Each edit sends the whole record built from all widgets (one write), then reads it back;
     // only the edited field changes on the device, and a software edit leaves the clock alone.
@@ -61,17 +82,20 @@ private:
                 continue;
             const QStringList before = snapshot();
             sim_->clearReceived();
-            edit.change();
+            change(edit.widget);
             const QStringList after = snapshot();
             const QStringList received = sim_->receivedLines();
-            QVERIFY2(received.size() == 2, qPrintable(edit.what + (": " + received.join(" | "))));
+            QVERIFY2(received.size() == 2,
+                     qPrintable(edit.widget->objectName() + ": " + received.join(" | ")));
             QCOMPARE(writesOf(received, read.section(',', 0, 0)).size(), 1);
             QCOMPARE(received.last(), read);
-            QVERIFY2(after.value(edit.index) != before.value(edit.index), edit.what);
+            QVERIFY2(after.value(edit.index) != before.value(edit.index),
+                     qPrintable(edit.widget->objectName()));
             for (int i = 0; i < after.size(); ++i)
                 if (i != edit.index && !(software && i >= 7 && i <= 11))
-                    QVERIFY2(after[i] == before[i],
-                             qPrintable(QString("%1 changed field %2").arg(edit.what).arg(i)));
+                    QVERIFY2(
+                        after[i] == before[i],
+                        qPrintable(QString("%1 changed field %2").arg(edit.widget->objectName()).arg(i)));
         }
     }
 
@@ -143,42 +167,15 @@ private slots:
         const bool gnx134 = model == "gnx134";
         QVERIFY(startAndConnect(simOptions(model, 2)));
 
-        const QList<Edit> softwareEdits{
-            {"audio", [&] { ui()->checkBoxSetupSoftwareAudio->toggle(); }, 0, false},
-            {"backlight", [&] { ui()->checkBoxSetupSoftwareBacklight->toggle(); }, 1, false},
-            {"contrast",
-             [&] {
-                 ui()->horizontalSliderSetupSoftwareConstrast->setValue(
-                     (ui()->horizontalSliderSetupSoftwareConstrast->value() + 7) % 40);
-             },
-             2, false},
-            {"gps", [&] { ui()->checkBoxSetupSoftwareGpsAcquisition->toggle(); }, 3, false},
-            {"coord",
-             [&] {
-                 ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(
-                     (ui()->comboBoxSetupSoftwareCoordType->currentIndex() + 1) % 3);
-             },
-             4, false},
-            {"dist",
-             [&] {
-                 ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(
-                     (ui()->comboBoxSetupSoftwareDistType->currentIndex() + 1) % 3);
-             },
-             5, false},
-            {"offset",
-             [&] {
-                 ui()->spinBoxSetupSoftwareDirectionOffset->setValue(
-                     (ui()->spinBoxSetupSoftwareDirectionOffset->value() + 11) % 360);
-             },
-             6, false},
-            {"band",
-             [&] {
-                 ui()->comboBoxSetupSoftwareOrviaBand->setCurrentIndex(
-                     (ui()->comboBoxSetupSoftwareOrviaBand->currentIndex() + 1) % 9);
-             },
-             12, true},
-            {"favorites", [&] { ui()->checkBoxSetupSoftwareAllToFavorites->toggle(); }, 13, true},
-        };
+        const QList<Edit> softwareEdits{{ui()->checkBoxSetupSoftwareAudio, 0, false},
+                                        {ui()->checkBoxSetupSoftwareBacklight, 1, false},
+                                        {ui()->horizontalSliderSetupSoftwareConstrast, 2, false},
+                                        {ui()->checkBoxSetupSoftwareGpsAcquisition, 3, false},
+                                        {ui()->comboBoxSetupSoftwareCoordType, 4, false},
+                                        {ui()->comboBoxSetupSoftwareDistType, 5, false},
+                                        {ui()->spinBoxSetupSoftwareDirectionOffset, 6, false},
+                                        {ui()->comboBoxSetupSoftwareOrviaBand, 12, true},
+                                        {ui()->checkBoxSetupSoftwareAllToFavorites, 13, true}};
         checkEdits(softwareEdits, gnx134, true);
         if (QTest::currentTestFailed())
             return;
@@ -188,44 +185,13 @@ private slots:
         QCOMPARE(QString::number(ui()->horizontalSliderSetupSoftwareConstrast->value()), device[2]);
         QCOMPARE(QString::number(ui()->spinBoxSetupSoftwareDirectionOffset->value()), device[6]);
 
-        const QList<Edit> hardwareEdits{
-            {"direction mode",
-             [&] {
-                 ui()->comboBoxHardwareDirectionMode->setCurrentIndex(
-                     1 - ui()->comboBoxHardwareDirectionMode->currentIndex());
-             },
-             0, false},
-            {"antenna position",
-             [&] {
-                 ui()->comboBoxHardwareAntennaPosition->setCurrentIndex(
-                     1 - ui()->comboBoxHardwareAntennaPosition->currentIndex());
-             },
-             1, false},
-            {"cable",
-             [&] {
-                 ui()->spinBoxHardwareCableLength->setValue(ui()->spinBoxHardwareCableLength->value() + 5);
-             },
-             2, false},
-            {"antenna type",
-             [&] {
-                 ui()->comboBoxHardwareAntennaMode->setCurrentIndex(
-                     (ui()->comboBoxHardwareAntennaMode->currentIndex() + 1) % 3);
-             },
-             3, false},
-            {"compass",
-             [&] {
-                 ui()->comboBoxHardwareCompassMode->setCurrentIndex(
-                     (ui()->comboBoxHardwareCompassMode->currentIndex() + 1) % 4);
-             },
-             4, false},
-            {"declination",
-             [&] {
-                 ui()->lineEditHardwareDeclination->setText("E12.5");
-                 emit ui()->lineEditHardwareDeclination->editingFinished();
-             },
-             5, false},
-            {"proximity", [&] { ui()->checkBoxHardwareProximityMode->toggle(); }, 6, true},
-        };
+        const QList<Edit> hardwareEdits{{ui()->comboBoxHardwareDirectionMode, 0, false},
+                                        {ui()->comboBoxHardwareAntennaPosition, 1, false},
+                                        {ui()->spinBoxHardwareCableLength, 2, false},
+                                        {ui()->comboBoxHardwareAntennaMode, 3, false},
+                                        {ui()->comboBoxHardwareCompassMode, 4, false},
+                                        {ui()->lineEditHardwareDeclination, 5, false},
+                                        {ui()->checkBoxHardwareProximityMode, 6, true}};
         checkEdits(hardwareEdits, gnx134, false);
         if (QTest::currentTestFailed())
             return;
