@@ -23,6 +23,15 @@ bool passesNprSecondCheck(const QString& line, quint32 received)
     return checksum(QStringView(line).mid(1, line.size() - 1 - kUncoveredTail)) == received;
 }
 
+// The device's digits without their leading zeros, padded back to two.
+QString receivedChecksumText(const DecodedLine& decoded)
+{
+    QString digits = decoded.receivedChecksumText;
+    while (digits.size() > 2 && digits.startsWith(QLatin1Char('0')))
+        digits.remove(0, 1);
+    return digits.rightJustified(2, QLatin1Char('0'));
+}
+
 } // namespace
 
 quint8 checksum(QStringView text)
@@ -104,8 +113,7 @@ QString undecodableWarning(const QString& line)
 QString badChecksumError(const QString& line, const DecodedLine& decoded)
 {
     return QStringLiteral("Bad checksum in GNX reply \"%1\": %2 vs %3.")
-        .arg(line, decoded.receivedChecksumText.rightJustified(2, QLatin1Char('0')),
-             checksumText(decoded.computedChecksum));
+        .arg(line, receivedChecksumText(decoded), checksumText(decoded.computedChecksum));
 }
 
 QString nprChecksumWarning(const QString& mnemonic)

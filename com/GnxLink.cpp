@@ -139,6 +139,11 @@ QString GnxLink::portName() const
     return link_ ? link_->portName() : QString();
 }
 
+bool GnxLink::isPortLost() const
+{
+    return link_ && link_->isPortLost();
+}
+
 void GnxLink::setLiveRxEnabled(bool enabled)
 {
     emit sigSetLiveRxEnabled(enabled);
@@ -307,8 +312,7 @@ void GnxLink::sendManualCommand(const QString& userCmd)
 
     const QString payload = match.captured(u"payload");
     if (payload.isEmpty()) {
-        if (parseable)
-            qWarning().noquote() << QStringLiteral("Command with an empty payload.");
+        qWarning().noquote() << QStringLiteral("Command with an empty payload.");
         parseable = false;
     }
 

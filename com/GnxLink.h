@@ -261,6 +261,8 @@ public:
     void closeConnection();
     QString portName() const;
     bool isConnected() const { return !link_.isNull(); }
+    // The link failed because its port went away or hung up.
+    bool isPortLost() const;
     void setLiveRxEnabled(bool enabled);
 
     GnxVersion_t version() const { return version_; }

@@ -204,9 +204,8 @@ void UartLink::onPortError(QSerialPort::SerialPortError error)
 // it once, outside the port's own notification, and report once.
 void UartLink::dropPort(const QString& message)
 {
-    if (portLost_)
+    if (portLost_.exchange(true))
         return;
-    portLost_ = true;
     failed_.store(true);
     keepAliveTimer_.stop();
     replyTimer_.stop();
@@ -392,13 +391,14 @@ void UartLink::handleReply(const QString& line)
         return;
     }
 
-    const bool ackAnswer = decoded.mnemonic == QLatin1String("ACK") && lastFrame_ != QLatin1String("ACK");
-    if (ackAnswer || isAckCommand(lastCommand_)) {
+    // Upload commands are answered by ACK and an error code; so is, by its shape, any reply that
+    // carries no value after its mnemonic.
+    if (isAckCommand(lastCommand_) || decoded.params.isEmpty()) {
         bool ok = false;
         const int code = decoded.params.value(0).toInt(&ok);
-        if (!ackAnswer || !ok || code == 0)
+        if (decoded.mnemonic != QLatin1String("ACK") || !ok || code == 0)
             emit sigReplyReceived({QStringLiteral("Invalid command: \"%1\"").arg(lastSent_)}, true);
-        else if (lastCommand_ != GnxLink::CMD_KEEPALIVE_INTERNAL)
+        else
             emit sigReplyReceived(decoded.params, false);
         return;
     }

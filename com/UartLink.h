@@ -56,6 +56,8 @@ public:
     // True once the port failed to open or was lost; the link is then of no further use.
     bool hasFailed() const { return failed_.load(); }
     bool isPortOpen() const { return portOpen_.load(); }
+    // True once the port itself failed (unplugged, hung up), as opposed to a silent device.
+    bool isPortLost() const { return portLost_.load(); }
 
     // Called in the link's thread after every status change and on failure, so that a waiter
     // in another thread can look at status() again. Set before the link is moved to its thread.
@@ -125,7 +127,7 @@ private:
     bool dtrWarned_ = false;
     std::atomic<bool> failed_{false};
     std::atomic<bool> portOpen_{false};
-    bool portLost_ = false;
+    std::atomic<bool> portLost_{false};
     std::function<void()> stateListener_;
 
     struct DeferredRequest

@@ -670,7 +670,8 @@ void Device::cmdDfp(const QStringList& p)
             clearSlotFlash(int(index), m_slots[int(index)][3]);
     }
     changed();
-    reply(QStringLiteral("DFP"), p);
+    // An answer always carries a value: the erase of everything is acknowledged with "1".
+    reply(QStringLiteral("DFP"), p.isEmpty() || p[0].isEmpty() ? QStringList{QStringLiteral("1")} : p);
 }
 
 void Device::cmdUpload(const QString& m, const QStringList& p)

@@ -77,7 +77,7 @@ MainWindow::MainWindow(QWidget* parent)
     connect(flashMemory_, &Utils::FlashMemory::sigOrviaDecoded, this, &MainWindow::slotOrviaMessageReceived);
     connect(gnxLink_, &GnxLink::sigLinkCompromised, this,
             [this](const QString& port, const QString& message) {
-                guard([&] { gnxDisconnected(port, message, true); });
+                guard([&] { linkCompromised(port, message); });
             });
 }
 

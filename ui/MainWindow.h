@@ -107,6 +107,7 @@ private:
     // ends the whole sequence that called them.
     void gnxConnected(const QString& portName);
     void gnxDisconnected(const QString& portName, const QString& reason, bool linkFailure);
+    void linkCompromised(const QString& portName, const QString& message);
     void refreshGuiInfos();
     void refreshStatus();
     void connectWidgets();
@@ -114,12 +115,16 @@ private:
     void setUnconnectedState();
     void setTerminalEnabled(bool enabled);
     void showGenerationWidgets(bool gnx134);
+    void showBootloaderMode(bool bootloader);
     QString portLabel(const QString& portName) const;
     QString logIdentity() const;
 
     // Configuration tab.
     void refreshSetupSoftware();
     void refreshSetupHardware();
+    void readBackSetupSoftware();
+    void clearSetups();
+    void readBackSetupHardware();
     void showSetupSoftware(const Com::GnxLink::SetupSoftware& setup);
     void showSetupHardware(const Com::GnxLink::SetupHardware& setup);
     Com::GnxLink::SetupSoftware setupSoftwareFromWidgets() const;
@@ -130,9 +135,13 @@ private:
     // Firmware.
     void uploadWithProgress(const QList<QByteArray>& records);
 
-    // Favorite platforms tab (MainWindowPlatforms.cpp). Private helpers of that tab go here.
+    // Favorite platforms tab (MainWindowPlatforms.cpp, MainWindowGpsFormats.cpp).
+    void loadPlatformsTable();
+    void clearPlatformsTable();
+    void clearGpsFormatsList();
 
-    // RX tab (MainWindowRx.cpp). Private helpers of that tab go here.
+    // RX tab (MainWindowRx.cpp): coordinates are shown as the software setup's coordinate type says.
+    void showRxCoordinates(Com::GnxLink::CoordType_t type);
 
     // Terminal tab (MainWindowTerminal.cpp). Private helpers of that tab go here.
 
@@ -146,6 +155,8 @@ private:
     Com::GnxLink::GnxDeviceInfo deviceInfo_;
     SessionLog sessionLog_;
     bool guiRefreshing_ = false;
+    Com::GnxLink::CoordType_t rxCoordType_ = Com::GnxLink::COORDTYPE_DEG; // of the RX table's cells
+    quint16 deviceContrast_ = 0; // as last read: the slider shows it bounded to its range
     QList<QMetaObject::Connection> widgetConnections_;
     QProgressBar* progressBar_ = nullptr;
 };

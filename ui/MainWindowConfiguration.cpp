@@ -2,14 +2,38 @@
 // record, then read back so that the widgets show what the device accepted.
 #include "ui/MainWindow.h"
 
+#include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 
 #include <QSignalBlocker>
+
+#include <functional>
 #include <vector>
 
 namespace OrviaGonioManager::Ui {
 
 using Com::GnxLink;
+
+namespace {
+
+// The read-back runs after a refused write too, so that the widgets show what the device holds
+// and the next edit does not send the refused value again; the write's failure is reported.
+void writeThenReadBack(const std::function<void()>& write, const std::function<void()>& readBack)
+{
+    try {
+        write();
+    } catch (const MRL::Utils::Exception&) {
+        try {
+            readBack();
+        } catch (const MRL::Utils::Exception&) {
+            // The link is gone: the write's own error says why.
+        }
+        throw;
+    }
+    readBack();
+}
+
+} // namespace
 
 QList<QWidget*> MainWindow::softwareSetupWidgets() const
 {
@@ -38,7 +62,11 @@ GnxLink::SetupSoftware MainWindow::setupSoftwareFromWidgets() const
     GnxLink::SetupSoftware s;
     s.audio = ui_->checkBoxSetupSoftwareAudio->isChecked();
     s.backlight = ui_->checkBoxSetupSoftwareBacklight->isChecked();
-    s.contrast = quint16(ui_->horizontalSliderSetupSoftwareConstrast->value());
+    // The slider cannot show every contrast the device may hold: an untouched one is sent as read.
+    const QSlider* contrast = ui_->horizontalSliderSetupSoftwareConstrast;
+    const bool contrastUntouched =
+        contrast->value() == qBound(contrast->minimum(), int(deviceContrast_), contrast->maximum());
+    s.contrast = contrastUntouched ? deviceContrast_ : quint16(contrast->value());
     s.gpsAcquisition = ui_->checkBoxSetupSoftwareGpsAcquisition->isChecked();
     s.coordType = GnxLink::CoordType_t(qMax(0, ui_->comboBoxSetupSoftwareCoordType->currentIndex()));
     s.distType = GnxLink::DistType_t(qMax(0, ui_->comboBoxSetupSoftwareDistType->currentIndex()));
@@ -72,6 +100,7 @@ void MainWindow::showSetupSoftware(const GnxLink::SetupSoftware& s)
     ui_->checkBoxSetupSoftwareAudio->setChecked(s.audio);
     ui_->checkBoxSetupSoftwareBacklight->setChecked(s.backlight);
     ui_->horizontalSliderSetupSoftwareConstrast->setValue(s.contrast);
+    deviceContrast_ = s.contrast;
     ui_->checkBoxSetupSoftwareGpsAcquisition->setChecked(s.gpsAcquisition);
     ui_->spinBoxSetupSoftwareDirectionOffset->setValue(s.directionOffset);
     ui_->comboBoxSetupSoftwareCoordType->setCurrentIndex(int(s.coordType));
@@ -80,6 +109,7 @@ void MainWindow::showSetupSoftware(const GnxLink::SetupSoftware& s)
     ui_->comboBoxSetupSoftwareOrviaBand->setCurrentIndex(int(s.band));
     ui_->checkBoxSetupSoftwareAllToFavorites->setChecked(s.allToFavorites);
     guiRefreshing_ = false;
+    showRxCoordinates(s.coordType);
 }
 
 void MainWindow::showSetupHardware(const GnxLink::SetupHardware& h)
@@ -98,6 +128,28 @@ void MainWindow::showSetupHardware(const GnxLink::SetupHardware& h)
     guiRefreshing_ = false;
 }
 
+// Nothing was read from a receiver in bootloader mode: no value from an earlier one is left.
+void MainWindow::clearSetups()
+{
+    guiRefreshing_ = true;
+    std::vector<QSignalBlocker> blockers;
+    for (QWidget* w : softwareSetupWidgets() + hardwareSetupWidgets()) {
+        blockers.emplace_back(w);
+        if (auto* box = qobject_cast<QCheckBox*>(w))
+            box->setChecked(false);
+        else if (auto* combo = qobject_cast<QComboBox*>(w))
+            combo->setCurrentIndex(-1);
+        else if (auto* spin = qobject_cast<QSpinBox*>(w))
+            spin->setValue(0);
+        else if (auto* edit = qobject_cast<QLineEdit*>(w))
+            edit->clear();
+    }
+    ui_->horizontalSliderSetupSoftwareConstrast->setValue(0);
+    ui_->widgetSoftwareSetupDateTime->setDateTime(MRL::Utils::DateTime());
+    deviceContrast_ = 0;
+    guiRefreshing_ = false;
+}
+
 void MainWindow::refreshSetupSoftware()
 {
     showSetupSoftware(gnxLink_->getSetupSoftware());
@@ -111,9 +163,8 @@ void MainWindow::refreshSetupHardware()
 void MainWindow::slotSetSetupSoftware()
 {
     guard([&] {
-        gnxLink_->setSetupSoftware(setupSoftwareFromWidgets());
-        if (!guiRefreshing_)
-            refreshSetupSoftware();
+        writeThenReadBack([&] { gnxLink_->setSetupSoftware(setupSoftwareFromWidgets()); },
+                          [&] { readBackSetupSoftware(); });
     });
 }
 
@@ -121,19 +172,30 @@ void MainWindow::slotSetTime()
 {
     guard([&] {
         const MRL::Utils::DateTime dt = ui_->widgetSoftwareSetupDateTime->dateTime();
-        gnxLink_->setTime(dt.mjd(), dt.secondsOfDay());
-        if (!guiRefreshing_)
-            refreshSetupSoftware();
+        writeThenReadBack([&] { gnxLink_->setTime(dt.mjd(), dt.secondsOfDay()); },
+                          [&] { readBackSetupSoftware(); });
     });
 }
 
 void MainWindow::slotSetSetupHardware()
 {
     guard([&] {
-        gnxLink_->setSetupHardware(setupHardwareFromWidgets());
-        if (!guiRefreshing_)
-            refreshSetupHardware();
+        writeThenReadBack([&] { gnxLink_->setSetupHardware(setupHardwareFromWidgets()); },
+                          [&] { readBackSetupHardware(); });
     });
+}
+
+// Not while the window itself writes the widgets, nor while a script is recorded.
+void MainWindow::readBackSetupSoftware()
+{
+    if (!guiRefreshing_)
+        refreshSetupSoftware();
+}
+
+void MainWindow::readBackSetupHardware()
+{
+    if (!guiRefreshing_)
+        refreshSetupHardware();
 }
 
 } // namespace OrviaGonioManager::Ui

@@ -1,6 +1,7 @@
 // Main window: port actions, connection and disconnection sequences, status refresh.
 #include "ui/MainWindow.h"
 
+#include "com/ComManager.h"
 #include "ui_MainWindow.h"
 
 #include <QAction>
@@ -9,7 +10,9 @@
 #include <QFileInfo>
 #include <QMetaEnum>
 #include <QSysInfo>
+#include <QTimer>
 #include <QToolBar>
+#include <QToolButton>
 
 namespace OrviaGonioManager::Ui {
 
@@ -42,6 +45,9 @@ void MainWindow::slotGnxDetected(QString portName)
         action->setToolTip(QStringLiteral("Connect to GNX @%1").arg(portName));
         action->setCheckable(true);
         ui_->mainToolBar_->addAction(action);
+        // The text tells receivers apart and carries the permission warning.
+        if (auto* button = qobject_cast<QToolButton*>(ui_->mainToolBar_->widgetForAction(action)))
+            button->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
         connect(action, &QAction::triggered, this,
                 [this, portName](bool checked) { guard([&] { connectToggled(portName, checked); }); });
     });
@@ -124,6 +130,28 @@ void MainWindow::slotGnxDisconnected(QString portName, QString reason)
     guard([&] { gnxDisconnected(portName, reason, linkFailure); });
 }
 
+// A receiver pulled out makes its link fail before the port scan misses it: a port that has gone
+// ends the session through its removal; a link failing on a port still present is an error.
+void MainWindow::linkCompromised(const QString& portName, const QString& message)
+{
+    if (!gnxLink_->isPortLost()) {
+        gnxDisconnected(portName, message, true);
+        return;
+    }
+    gnxLink_->closeConnection();
+    comManager_->slotScanComPorts();
+    if (connectedPort_ != portName)
+        return;
+    // The device file may go a moment after the line hangs up: the next scan decides.
+    QTimer::singleShot(Com::ComManager::kScanPeriodMs, this, [this, portName, message] {
+        guard([&] {
+            comManager_->slotScanComPorts();
+            if (connectedPort_ == portName && !gnxLink_->isConnected())
+                gnxDisconnected(portName, message, true);
+        });
+    });
+}
+
 void MainWindow::gnxDisconnected(const QString& portName, const QString& reason, bool linkFailure)
 {
     // A failing link may report more than once; only the first report tears down.
@@ -178,6 +206,23 @@ void MainWindow::showGenerationWidgets(bool gnx134)
     ui_->spinBoxPlatformsMeanDirectionValue->setVisible(gnx134);
 }
 
+// The bootloader answers identification and the upload commands only: what it cannot answer is
+// cleared and disabled.
+void MainWindow::showBootloaderMode(bool bootloader)
+{
+    const QList<QWidget*> application{ui_->groupBoxSoftwareSetup,  ui_->groupBoxHardwareSetup,
+                                      ui_->checkBoxRxLive,         ui_->pushButtonRxFlashRead,
+                                      ui_->pushButtonRxFlashErase, ui_->pushButtonTerminalSaveScript};
+    for (QWidget* w : application)
+        w->setEnabled(!bootloader);
+    ui_->tabWidget->setTabEnabled(ui_->tabWidget->indexOf(ui_->tabPlatforms), !bootloader);
+    if (!bootloader)
+        return;
+    clearSetups();
+    clearPlatformsTable();
+    clearGpsFormatsList();
+}
+
 void MainWindow::slotRefreshGuiInfos()
 {
     guard([&] { refreshGuiInfos(); });
@@ -188,6 +233,7 @@ void MainWindow::refreshGuiInfos()
     // Identification first: it sets the generation that every other read depends on, and a
     // device in bootloader mode answers nothing but identification.
     refreshStatus();
+    showBootloaderMode(deviceInfo_.mode == GnxLink::GNX_BL);
     if (deviceInfo_.mode != GnxLink::GNX_BL) {
         refreshSetupSoftware();
         refreshSetupHardware();

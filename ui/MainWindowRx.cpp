@@ -5,6 +5,7 @@
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
+#include "utils/CoordinateText.h"
 #include "utils/FlashMemory.h"
 
 #include <QDebug>
@@ -15,6 +16,7 @@
 #include <QTextStream>
 
 #include <map>
+#include <optional>
 
 namespace OrviaGonioManager::Ui {
 
@@ -65,17 +67,6 @@ int rowWithId(const QTableWidget* platforms, const QString& id)
     return -1;
 }
 
-// The favourite row of a message. Flash records of the later receivers always carry 28-bit
-// identifiers, so a 20-bit platform comes back as "00" + its 5 characters.
-int platformRowOf(const QTableWidget* platforms, const QString& id, GnxLink::RxOrigin_t origin)
-{
-    const int row = rowWithId(platforms, id);
-    if (row >= 0 || origin != GnxLink::RXORIGIN_FLASH || id.size() != 7 ||
-        !id.startsWith(QLatin1String("00")))
-        return row;
-    return rowWithId(platforms, id.mid(2));
-}
-
 template <typename Enum> QString enumText(int value, const char* prefix)
 {
     const char* key = QMetaEnum::fromType<Enum>().valueToKey(value);
@@ -100,22 +91,40 @@ QString levelText(int levelCode, qint32 level)
     }
 }
 
-QString degrees(double value)
+// Coordinate cells keep their degrees under this role, so that they can be redrawn.
+constexpr int kDegreesRole = Qt::UserRole;
+
+bool isCoordinateColumn(int column)
 {
-    return QString::number(value, 'f', 5);
+    return column == COL_GNX_LATITUDE || column == COL_GNX_LONGITUDE || column == COL_PAYLOAD_LATITUDE ||
+           column == COL_PAYLOAD_LONGITUDE;
+}
+
+// The receiver's own position with five decimals, payload positions with six significant digits.
+QString coordinateCell(int column, double degrees, GnxLink::CoordType_t type)
+{
+    const bool payload = column == COL_PAYLOAD_LATITUDE || column == COL_PAYLOAD_LONGITUDE;
+    return Utils::CoordinateText::format(degrees, type, payload ? 'g' : 'f', payload ? 6 : 5);
 }
 
 struct RxRow
 {
     QString cells[RX_COLUMN_COUNT];
+    std::optional<double> degrees[RX_COLUMN_COUNT];
+
+    void setCoordinate(int column, double value, GnxLink::CoordType_t type)
+    {
+        degrees[column] = value;
+        cells[column] = coordinateCell(column, value, type);
+    }
 };
 
 RxRow rxRowOf(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin, const QTableWidget* platforms,
-              GnxLink::GnxVersion_t version, int slotCount)
+              GnxLink::GnxVersion_t version, int slotCount, GnxLink::CoordType_t coordType)
 {
     RxRow r;
     r.cells[COL_ORIGIN] = origin == GnxLink::RXORIGIN_LIVE ? QStringLiteral("Live") : QStringLiteral("Flash");
-    const int platformRow = platformRowOf(platforms, message.platformId, origin);
+    const int platformRow = rowWithId(platforms, message.platformId);
     if (platformRow >= 0) {
         r.cells[COL_INDEX] = cellText(platforms, platformRow, kPlatformIndexColumn);
         r.cells[COL_LABEL] = cellText(platforms, platformRow, kPlatformLabelColumn);
@@ -132,29 +141,31 @@ RxRow rxRowOf(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin, const
         favouriteV1 ? QStringLiteral("%1 (avg %2)").arg(message.direction).arg(message.v1FlashValue)
                     : QStringLiteral("%1").arg(message.direction);
 
-    // Only the later receivers report the band; no report carries the modulation.
-    if (version != GnxLink::GNX_V1)
-        r.cells[COL_BAND] = enumText<GnxLink::OrviaBand_t>(message.band, "ORVIABAND_");
+    // A GNX134 message holds B1; no report carries the modulation.
+    r.cells[COL_BAND] = enumText<GnxLink::OrviaBand_t>(message.band, "ORVIABAND_");
     r.cells[COL_LEVEL] = levelText(0, message.level); // no level code in the reports
     r.cells[COL_PERIOD] = QStringLiteral("%1").arg(message.period);
     const bool gnxPositionValid = message.flagBit0;
-    r.cells[COL_GNX_LATITUDE] = gnxPositionValid ? degrees(message.gnxLatitude) : QStringLiteral("Invalid");
-    r.cells[COL_GNX_LONGITUDE] = gnxPositionValid ? degrees(message.gnxLongitude) : QStringLiteral("Invalid");
+    if (gnxPositionValid) {
+        r.setCoordinate(COL_GNX_LATITUDE, message.gnxLatitude, coordType);
+        r.setCoordinate(COL_GNX_LONGITUDE, message.gnxLongitude, coordType);
+    } else {
+        r.cells[COL_GNX_LATITUDE] = r.cells[COL_GNX_LONGITUDE] = QStringLiteral("Invalid");
+    }
     r.cells[COL_GNX_DIRECTION] = QStringLiteral("%1").arg(message.gnxDirection);
 
     const QString formatName =
         platformRow >= 0 ? cellText(platforms, platformRow, kPlatformGpsFormatColumn) : QString();
     if (!formatName.isEmpty()) {
-        // Restores the filler byte that 28-bit identifiers put in front of the data. The
-        // platform's own identifier decides: a 20-bit one read back from flash has no filler.
+        // Restores the filler byte that 28-bit identifiers put in front of the data.
         QByteArray payload = message.payload;
-        if (cellText(platforms, platformRow, kPlatformIdColumn).size() == 7)
+        if (message.platformId.size() == 7)
             payload.prepend('\0');
         double latitude = 0.0;
         double longitude = 0.0;
         if (Utils::GpsFormat::instance()->decodePosition(formatName, payload, latitude, longitude)) {
-            r.cells[COL_PAYLOAD_LATITUDE] = QString::number(latitude, 'g', 6);
-            r.cells[COL_PAYLOAD_LONGITUDE] = QString::number(longitude, 'g', 6);
+            r.setCoordinate(COL_PAYLOAD_LATITUDE, latitude, coordType);
+            r.setCoordinate(COL_PAYLOAD_LONGITUDE, longitude, coordType);
         }
     }
     r.cells[COL_PAYLOAD] = QString::fromLatin1(message.payload.toHex().toUpper());
@@ -293,12 +304,16 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
 {
     guard([&] {
         const RxRow r = rxRowOf(orviaRxMessage, rxOrigin, ui_->tableWidgetPlatforms, gnxLink_->version(),
-                                gnxLink_->maxPlatformsNumber());
+                                gnxLink_->maxPlatformsNumber(), rxCoordType_);
         QTableWidget* table = ui_->tableWidgetRx;
         table->setSortingEnabled(false);
         table->insertRow(0);
-        for (int column = 0; column < RX_COLUMN_COUNT; ++column)
-            table->setItem(0, column, new QTableWidgetItem(r.cells[column]));
+        for (int column = 0; column < RX_COLUMN_COUNT; ++column) {
+            auto* item = new QTableWidgetItem(r.cells[column]);
+            if (r.degrees[column])
+                item->setData(kDegreesRole, *r.degrees[column]);
+            table->setItem(0, column, item);
+        }
         applyIdFilter(table, 0, ui_->lineEditRxIdFilter->text());
 
         if (ui_->checkBoxRxLogToFile->isChecked()) {
@@ -310,6 +325,22 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
                                   QStringLiteral(" : ") + gnxLink_->toNprLine(orviaRxMessage));
         }
     });
+}
+
+// Redraws the coordinate cells when the software setup's coordinate type changes.
+void MainWindow::showRxCoordinates(GnxLink::CoordType_t type)
+{
+    if (type == rxCoordType_)
+        return;
+    rxCoordType_ = type;
+    QTableWidget* table = ui_->tableWidgetRx;
+    for (int row = 0; row < table->rowCount(); ++row)
+        for (int column = 0; column < RX_COLUMN_COUNT; ++column) {
+            QTableWidgetItem* item = isCoordinateColumn(column) ? table->item(row, column) : nullptr;
+            const QVariant degrees = item ? item->data(kDegreesRole) : QVariant();
+            if (degrees.isValid())
+                item->setText(coordinateCell(column, degrees.toDouble(), type));
+        }
 }
 
 void MainWindow::slotFilterRxTable()

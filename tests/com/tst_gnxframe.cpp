@@ -39,6 +39,7 @@ private slots:
         row("bad checksum", "$GSN,12-345*41", Decoded::BadChecksum, bad + "41 vs 40.");
         row("one digit", "$GSN*7", Decoded::BadChecksum, bad + "07 vs 70.");
         row("three digits", "$GSN*170", Decoded::BadChecksum, bad + "170 vs 70.");
+        row("leading zeros", "$GSN*0005", Decoded::BadChecksum, bad + "05 vs 70.");
         row("GNX134 NPR second check", '$' + npr + "*63", Decoded::AcceptedNprChecksum,
             "Bad checksum detected on NPR frame.");
         row("NPR failing both", "$NPR,1*00", Decoded::BadChecksum, bad + "00 vs 7B.");

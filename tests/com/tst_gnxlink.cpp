@@ -149,7 +149,7 @@ private slots:
     void requestEngine()
     {
         QCOMPARE(thrown([&] { gnx->deletePlatformFlashMemory(999); }),
-                 "Error in reply: Invalid command: \"$" + GnxFrame::seal("DFP,999") + '"');
+                 "Error in reply: Unrelated message: \"$" + GnxFrame::seal("ACK,0") + '"');
         // A request made while one waits is refused; the waiting one completes.
         gnxsim::Faults slow;
         slow.delayMs = 300;
@@ -203,7 +203,8 @@ private slots:
         QTest::newRow("checksum completed") << QString("FOO,1") << QString("$FOO,1*71") << QStringList();
         QTest::newRow("known, wrong checksum") << QString("$TEST*00") << QString("$TEST*00")
                                                << QStringList{"Wrong checksum provided (should be 3C)"};
-        QTest::newRow("empty") << QString() << QString() << QStringList{"Empty command"};
+        QTest::newRow("empty") << QString() << QString()
+                               << QStringList{"Empty command", "Command with an empty payload."};
     }
     void manualCommandsPassedOn()
     {

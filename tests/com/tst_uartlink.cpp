@@ -69,6 +69,18 @@ private slots:
         row("unrelated", GnxLink::CMD_GSN, frame("LIG,1,2"), "Unrelated message: \"$LIG,1,2*6B\"", true);
         row("ACK accepted", GnxLink::CMD_ATBL, frame("ACK,1"), "1", false);
         row("ACK refused", GnxLink::CMD_ATBL, frame("ACK,0"), "Invalid command: \"$ATBL*31\"", true);
+        // Only the upload commands and replies without values are ACK answers.
+        const auto invalid = [](const char* sent) {
+            return "Invalid command: \"$" + GnxFrame::seal(sent) + '"';
+        };
+        const auto unrelated = [](const char* got) {
+            return "Unrelated message: \"$" + GnxFrame::seal(got) + '"';
+        };
+        row("ACK,0 to a setup", GnxLink::CMD_SETUPSW, frame("ACK,0"), unrelated("ACK,0"), true);
+        row("ACK,1 to a setup", GnxLink::CMD_SETUPSW, frame("ACK,1"), unrelated("ACK,1"), true);
+        row("setup without values", GnxLink::CMD_SETUPSW, frame("SETUPSW"), invalid("SETUPSW"), true);
+        row("test without values", GnxLink::CMD_TEST, frame("TEST"), invalid("TEST"), true);
+        row("bare ERR", GnxLink::CMD_GSN, frame("ERR"), invalid("GSN"), true);
         row("after empty lines", GnxLink::CMD_GSN, "\r\n  \r\n" + frame("GSN,1-2"), "1-2", false);
     }
     void answers()

@@ -1,5 +1,6 @@
 // The main window against the emulator over a pseudo-terminal: detection, connection,
 // the session log, configuration edits, disconnections and a firmware update.
+#include "com/GnxFrame.h"
 #include "common/WindowFixture.h"
 #include "sim/Firmware.h"
 #include "ui/SessionLog.h"
@@ -11,8 +12,10 @@
 #include <QSignalSpy>
 #include <QSlider>
 #include <QSpinBox>
+#include <QToolButton>
 
 using OrviaGonioManager::Ui::SessionLog;
+namespace GnxFrame = OrviaGonioManager::Com::GnxFrame;
 
 namespace {
 
@@ -121,6 +124,11 @@ private slots:
         QFile::remove(logPath);
         QVERIFY(showWindow({port}));
         QCOMPARE(window_->portAction(port)->toolTip(), "Connect to GNX @" + port);
+        // The button shows its text (the port, or the permission warning) beside the icon.
+        const auto* button =
+            qobject_cast<QToolButton*>(ui()->mainToolBar_->widgetForAction(window_->portAction(port)));
+        QVERIFY(button && button->toolButtonStyle() == Qt::ToolButtonTextBesideIcon);
+        QCOMPARE(window_->portAction(port)->text(), port);
         QVERIFY(!ui()->tabWidget->isEnabled());
 
         LogCapture logs;
@@ -132,6 +140,13 @@ private slots:
         QVERIFY(!ui()->lineEditVersionsApplication->text().isEmpty());
         QCOMPARE(logs.count(QtInfoMsg, "Connection of a GNX on " + port + "."), 1);
         QCOMPARE(logs.count(QtInfoMsg, "GNX configuration loaded!"), 1);
+        // The log table sits in the Terminal group, above the command row, and holds it all.
+        QCOMPARE(ui()->tableWidgetLogger->parentWidget(), ui()->groupBoxTerminal);
+        QCOMPARE(ui()->verticalLayoutTerminalGroup->indexOf(ui()->tableWidgetLogger), 0);
+        QCOMPARE(ui()->verticalLayoutTerminalGroup->itemAt(1)->layout(), ui()->horizontalLayoutTerminal);
+        QTRY_VERIFY(!ui()->tableWidgetLogger->findItems("Ready!", Qt::MatchExactly).isEmpty());
+        QTRY_VERIFY(
+            !ui()->tableWidgetLogger->findItems("GNX configuration loaded!", Qt::MatchExactly).isEmpty());
 
         // Generation-specific widgets.
         QCOMPARE(ui()->checkBoxHardwareProximityMode->isHidden(), gnx134);
@@ -211,18 +226,63 @@ private slots:
         QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         // The device reports other values than the widgets show: writing them into the widgets
         // must not send them back.
+        // Some lie beyond what the widgets let a user choose.
         QStringList other = sim_->softwareSetup();
         other[0] = other[0] == "1" ? "0" : "1";
-        other[2] = QString::number((other[2].toInt() + 9) % 40);
+        other[2] = "100";
+        other[6] = "40000";
+        QStringList hardware = sim_->hardwareSetup();
+        hardware[2] = "1500";
         sim_->overrideNextReply("SETUPSW", other);
+        sim_->overrideNextReply("SETUPHW", hardware);
         sim_->clearReceived();
         window_->slotRefreshGuiInfos();
         QCOMPARE(QString::number(ui()->checkBoxSetupSoftwareAudio->isChecked()), other[0]);
-        QCOMPARE(QString::number(ui()->horizontalSliderSetupSoftwareConstrast->value()), other[2]);
+        QCOMPARE(ui()->spinBoxSetupSoftwareDirectionOffset->value(), 40000);
+        QCOMPARE(ui()->spinBoxHardwareCableLength->value(), 1500);
         const QStringList received = sim_->receivedLines();
         QVERIFY(received.contains(QString("SETUPSW") + QString(",").repeated(14)));
         QCOMPARE(writesOf(received, "SETUPSW"), QStringList());
         QCOMPARE(writesOf(received, "SETUPHW"), QStringList());
+
+        // The next edit of another field sends them back as they were read.
+        sim_->clearReceived();
+        ui()->checkBoxHardwareProximityMode->toggle();
+        QCOMPARE(writesOf(sim_->receivedLines(), "SETUPHW").value(0).section(',', 3, 3), QString("1500"));
+        ui()->checkBoxSetupSoftwareBacklight->toggle();
+        const QStringList write = writesOf(sim_->receivedLines(), "SETUPSW").value(0).split(',');
+        QCOMPARE(write.value(3), QString("100")); // the contrast slider stops at 40
+        QCOMPARE(write.value(7), QString("40000"));
+    }
+
+    // A refused write is followed by the read-back: the widget shows the device's value again,
+    // and the next edit of the group is not refused for it.
+    void refusedWriteIsReadBack()
+    {
+        QVERIFY(startAndConnect(simOptions("gnx234", 2)));
+        const QStringList before = sim_->softwareSetup();
+        QComboBox* band = ui()->comboBoxSetupSoftwareOrviaBand;
+        sim_->clearReceived();
+        band->setCurrentIndex(band->findText("INVALID"));
+        QCOMPARE(dialogs_->criticals.size(), 1);
+        QVERIFY2(dialogs_->criticals[0].startsWith("Error in reply: "), qPrintable(dialogs_->criticals[0]));
+        QCOMPARE(sim_->receivedLines().last(), QString("SETUPSW") + QString(",").repeated(14));
+        QCOMPARE(QString::number(band->currentIndex()), before[12]);
+
+        ui()->checkBoxSetupSoftwareBacklight->toggle();
+        QCOMPARE(dialogs_->criticals.size(), 1);
+        QVERIFY(sim_->softwareSetup()[1] != before[1]);
+
+        // A typed value is written once, when it is committed.
+        QSpinBox* offset = ui()->spinBoxSetupSoftwareDirectionOffset;
+        offset->setFocus();
+        offset->selectAll();
+        sim_->clearReceived();
+        QTest::keyClicks(offset, "123");
+        QCOMPARE(sim_->receivedLines(), QStringList());
+        QTest::keyClick(offset, Qt::Key_Return);
+        QCOMPARE(writesOf(sim_->receivedLines(), "SETUPSW").size(), 1);
+        QCOMPARE(sim_->softwareSetup()[6], QString("123"));
     }
 
     void unconnectedWidgetsSendNothing()
@@ -257,8 +317,18 @@ private slots:
         QCOMPARE(ui()->lineEditVersionsGonio->text(), QString("GONIO V1"));
     }
 
-    void unplugReturnsToUnconnectedState()
+    void linkFailures_data()
     {
+        QTest::addColumn<bool>("unplug");
+        QTest::newRow("receiver pulled out") << true;
+        QTest::newRow("link fails, port present") << false;
+    }
+
+    // A port that goes away ends as its removal does; a link failing on a port still present is
+    // an error the user is told of.
+    void linkFailures()
+    {
+        QFETCH(bool, unplug);
         // Through a link of its own: a pseudo-terminal's number may be taken again at once by a
         // test running beside this one, while the link goes away with the unplug.
         gnxsim::Options options = simOptions("gnx234", 2);
@@ -269,19 +339,28 @@ private slots:
         QVERIFY(connectTo(port));
 
         LogCapture logs;
-        sim_->unplug();
+        if (unplug)
+            sim_->unplug();
+        else
+            sim_->sendRawBytes("$GSN,1*00\r\n");
         QTRY_VERIFY_WITH_TIMEOUT(window_->connectedPort().isEmpty(), 10000);
         QCOMPARE(ui()->lineEditVersionsStatus->text(), QString("Not connected"));
         QVERIFY(!ui()->tabWidget->isEnabled());
-        int errors = 0;
+        QStringList criticals;
         for (const auto& m : logs.messages)
-            if (m.first == QtCriticalMsg && m.second.startsWith("Error on " + port + " (") &&
-                m.second.endsWith("). Please restart connection."))
-                ++errors;
-        QCOMPARE(errors, 1);
-        // The port disappears from the tool bar at the next scan.
-        QTRY_VERIFY_WITH_TIMEOUT(!window_->portAction(port), 10000);
-        QVERIFY(dialogs_->criticals.size() <= 1);
+            if (m.first == QtCriticalMsg)
+                criticals << m.second;
+        if (unplug) {
+            QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (GNX disconnected)."), 1);
+            QCOMPARE(criticals, QStringList());
+            QVERIFY(!window_->portAction(port));
+        } else {
+            const QString expected = GnxFrame::checksumText(GnxFrame::checksum(u"GSN,1*"));
+            QCOMPARE(criticals,
+                     QStringList("Error on " + port + " (Bad checksum in GNX reply \"$GSN,1*00\": 00 vs " +
+                                 expected + ".). Please restart connection."));
+            QVERIFY(window_->portAction(port));
+        }
     }
 
     void firmwareUpdate()
@@ -306,6 +385,14 @@ private slots:
         // Reconnect in bootloader mode and upload.
         QVERIFY(connectTo(port));
         QCOMPARE(ui()->pushButtonSwitchMode->text(), QString("Switch back to standard mode..."));
+        // Nothing of the application's values is left, and what the bootloader cannot answer is off.
+        QCOMPARE(ui()->tableWidgetPlatforms->rowCount(), 0);
+        QCOMPARE(ui()->comboBoxSetupSoftwareOrviaBand->currentIndex(), -1);
+        QCOMPARE(ui()->lineEditHardwareDeclination->text(), QString());
+        QVERIFY(!ui()->groupBoxSoftwareSetup->isEnabled() && !ui()->groupBoxHardwareSetup->isEnabled());
+        QVERIFY(!ui()->tabWidget->isTabEnabled(ui()->tabWidget->indexOf(ui()->tabPlatforms)));
+        QVERIFY(!ui()->pushButtonRxFlashRead->isEnabled() &&
+                !ui()->pushButtonTerminalSaveScript->isEnabled());
         QSignalSpy progress(window_->gnxLink(), &OrviaGonioManager::Com::GnxLink::sigFirmwareProgress);
         dialogs_->files << van;
         dialogs_->answers << QMessageBox::Yes;

@@ -143,18 +143,23 @@ private slots:
         for (int i = 0; i < 5; ++i)
             QCOMPARE(sim_->platformSlot(i).join(','), slotsBefore[i]);
 
-        // A file of the other generation stops at its first line.
-        const QString other =
-            writeFile("other.csv", gnx134 ? "# header\n12345,Buoy,,10,0,0,1,0\n" : "12345,Buoy,,10,3\n");
-        QVERIFY(!other.isEmpty());
-        dialogs_->answers << QMessageBox::Yes;
-        dialogs_->files << other;
-        ui()->pushButtonPlatformsImport->click();
-        QCOMPARE(dialogs_->criticals,
-                 QStringList("Unable to read platforms file " + other +
-                             ", wrong number of columns. Columns shoud be " + (gnx134 ? "5." : "8.")));
-        QCOMPARE(table->rowCount(), 0);
-        QVERIFY(sim_->platformSlot(0).isEmpty());
+        // A file of the other generation stops at its first line; so does a line of spaces, which
+        // is not an empty line.
+        const QByteArray otherGeneration =
+            gnx134 ? "# header\n12345,Buoy,,10,0,0,1,0\n" : "12345,Buoy,,10,3\n";
+        for (const QByteArray& content : {otherGeneration, "\n  \n" + lines[1] + '\n'}) {
+            const QString other = writeFile("other.csv", content);
+            QVERIFY(!other.isEmpty());
+            dialogs_->criticals.clear();
+            dialogs_->answers << QMessageBox::Yes;
+            dialogs_->files << other;
+            ui()->pushButtonPlatformsImport->click();
+            QCOMPARE(dialogs_->criticals,
+                     QStringList("Unable to read platforms file " + other +
+                                 ", wrong number of columns. Columns shoud be " + (gnx134 ? "5." : "8.")));
+            QCOMPARE(table->rowCount(), 0);
+            QVERIFY(sim_->platformSlot(0).isEmpty());
+        }
     }
 
     void gpsFormats()

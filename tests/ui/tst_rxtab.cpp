@@ -99,7 +99,7 @@ private slots:
             QCOMPARE(cell(rx(), 0, 2), stored[4]);
             QCOMPARE(cell(rx(), 0, 4), stored[3]);
             QCOMPARE(cell(rx(), 0, 6).contains(" (avg "), gnx134 && favourite);
-            QCOMPARE(cell(rx(), 0, 7).startsWith('B'), !gnx134);
+            QVERIFY(gnx134 ? cell(rx(), 0, 7) == "B1" : cell(rx(), 0, 7).startsWith('B'));
             QVERIFY(cell(rx(), 0, 11) != "Invalid"); // the emulator's position is valid
             const bool hasFormat = stored[5] == "1";
             QCOMPARE(!cell(rx(), 0, 14).isEmpty(), hasFormat);
@@ -113,17 +113,20 @@ private slots:
     {
         QTest::addColumn<QString>("line");
         QTest::addColumn<QString>("expected");
+        QTest::addColumn<QString>("minutes"); // coordinates once "xx°xx.xx'" is chosen
         // The position sits 8 bits in: behind a junk byte for a 20-bit identifier, behind the
         // identifier's last byte (dropped on reception) for a 28-bit one. Flag bit 0 clear: the
         // receiver's own position is not valid.
         QTest::newRow("20-bit")
             << "NPR,26,11,22,3,4,5,ABCDE,401650000,6,10,-120,60000,120000,7,2,2,56,115265C0E4E1C0"
             << "Live|5|Raw A|2026-11-22T03:04:05|ABCDE|401650000|10|B3||-120|0|Invalid|Invalid|7|"
-               "90|-110|115265C0E4E1C0";
+               "90|-110|115265C0E4E1C0"
+            << QString::fromUtf8("Invalid|Invalid|90°00.00'|-110°00.00'");
         QTest::newRow("28-bit")
             << "NPR,26,11,22,3,4,6,ABCDEF0,401650000,7,10,-120,60000,120000,7,2,0,56,F05265C0E4E1C0"
             << "Live|6|Raw B|2026-11-22T03:04:06|ABCDEF0|401650000|10|B3||-120|0|1.00000|2.00000|7|"
-               "90|-110|5265C0E4E1C0";
+               "90|-110|5265C0E4E1C0"
+            << QString::fromUtf8("1°00.00'|2°00.00'|90°00.00'|-110°00.00'");
     }
 
     void rawReports()
@@ -144,6 +147,14 @@ private slots:
         for (int c = 0; c < rx()->columnCount(); ++c)
             cells << cell(rx(), 0, c);
         QCOMPARE(cells.join('|'), expected);
+
+        // Rows already shown follow the coordinate type the device accepted.
+        QFETCH(QString, minutes);
+        ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(1);
+        QCOMPARE(sim_->softwareSetup().value(4), QString("1"));
+        QCOMPARE(QStringList({cell(rx(), 0, 11), cell(rx(), 0, 12), cell(rx(), 0, 14), cell(rx(), 0, 15)})
+                     .join('|'),
+                 minutes);
     }
 
     // Export of the visible rows, or of the selected ones; commas inside cells are not escaped.
@@ -197,16 +208,18 @@ private slots:
         QTest::newRow("gnx234") << "gnx234";
     }
 
-    // Every stored record becomes a row, newest first; favourites keep their index and payload
-    // position even when the record carries the identifier on 28 bits.
+    // Every stored record becomes a row, newest first. A record names its favourite only by an equal
+    // identifier: a GNX234 record carries every identifier on 28 bits, 7 characters.
     void readFlash()
     {
         QFETCH(QString, model);
         QVERIFY(connectModel(model, 12));
-        QMap<QString, QString> livePositions; // time and index -> payload position
+        QMap<QString, QString> livePositions; // time and identifier -> payload position
+        QMap<QString, QString> favourites;    // identifier -> index
         for (int slot : usedSlots_) {
             emitFrom(slot, true);
-            livePositions.insert(cell(rx(), 0, 3) + cell(rx(), 0, 1), cell(rx(), 0, 14) + cell(rx(), 0, 15));
+            livePositions.insert(cell(rx(), 0, 3) + cell(rx(), 0, 4), cell(rx(), 0, 14) + cell(rx(), 0, 15));
+            favourites.insert(cell(rx(), 0, 4), cell(rx(), 0, 1));
         }
         ui()->pushButtonRxClearTable->click();
         ui()->pushButtonRxFlashRead->click();
@@ -217,13 +230,18 @@ private slots:
             QCOMPARE(cell(rx(), row, 0), QString("Flash"));
             if (row > 0)
                 QVERIFY(cell(rx(), row - 1, 3) >= cell(rx(), row, 3));
-            const QString key = cell(rx(), row, 3) + cell(rx(), row, 1);
+            const QString id = cell(rx(), row, 4);
+            QCOMPARE(cell(rx(), row, 1), favourites.value(id));
+            const QString key = cell(rx(), row, 3) + id;
             if (livePositions.contains(key)) {
                 QCOMPARE(cell(rx(), row, 14) + cell(rx(), row, 15), livePositions.value(key));
                 ++seenLive;
             }
         }
-        QCOMPARE(seenLive, usedSlots_.size());
+        int expected = 0;
+        for (const QString& id : favourites.keys())
+            expected += model == "gnx134" || id.size() == 7;
+        QCOMPARE(seenLive, expected);
     }
 
     void eraseFlash_data() { readFlash_data(); }

@@ -1,4 +1,5 @@
 #include "mrl/utils/Exception.h"
+#include "utils/CoordinateText.h"
 #include "utils/GpsFormat.h"
 
 #include <QBuffer>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <sys/resource.h>
 
+namespace CoordinateText = OrviaGonioManager::Utils::CoordinateText;
 using OrviaGonioManager::Utils::GpsCoordinate_t;
 using OrviaGonioManager::Utils::GpsFormat;
 using OrviaGonioManager::Utils::GpsFormat_t;
@@ -280,6 +282,33 @@ private slots:
         // 90 degrees kept at the bound; sign 0 and 5,400,001 (0x5265c1) left-aligned in the next 25 bits.
         QVERIFY(gps->decodePosition("Pos", QByteArray::fromHex("5265c02932e080"), latitude, longitude));
         QCOMPARE(QList<double>({latitude, longitude}), QList<double>({90.0, 5400001 / 60000.0})); // range 180
+    }
+
+    // Positions as the RX table shows them, by the setup's coordinate type (combo order).
+    void coordinateText_data()
+    {
+        QTest::addColumn<double>("degrees");
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QString>("text");
+        const auto row = [](const char* name, double degrees, int type, const char* text) {
+            QTest::newRow(name) << degrees << type << QString::fromUtf8(text);
+        };
+        row("decimal", -12.345678, 0, "-12.34568");
+        row("degrees and minutes", 48.5125, 1, "48°30.75'");
+        row("south of the equator by minutes", -0.5, 1, "-0°30.00'");
+        row("minutes carry into degrees", 59.9999999, 1, "60°00.00'");
+        row("degrees, minutes, seconds", 12.3456, 2, "12°20'44\"");
+        row("rounded to zero has no sign", -0.0000001, 2, "0°00'00\"");
+        row("not a number", qQNaN(), 1, "nan");
+        row("far beyond a coordinate", 1e15, 2, "1000000000000000.00000");
+    }
+
+    void coordinateText()
+    {
+        QFETCH(double, degrees);
+        QFETCH(int, type);
+        QFETCH(QString, text);
+        QCOMPARE(CoordinateText::format(degrees, OrviaGonioManager::Com::GnxLink::CoordType_t(type)), text);
     }
 };
 
