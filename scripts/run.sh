@@ -6,9 +6,13 @@ set -euo pipefail
 build=${1:-build}
 model=${2:-gnx234}
 top=$(cd "$(dirname "$0")/.." && pwd)
-bin="$top/$build/bin"
-mkdir -p "$top/$build/Data" "$top/$build/Logs"
-[ -f "$top/$build/Data/format.vtl" ] || cp "$top/Data/format.vtl" "$top/$build/Data/format.vtl" 2>/dev/null || true
+case $build in
+/*) tree=$build ;;
+*) tree=$top/$build ;;
+esac
+bin="$tree/bin"
+mkdir -p "$tree/Data" "$tree/Logs"
+[ -f "$tree/Data/format.vtl" ] || cp "$top/Data/format.vtl" "$tree/Data/format.vtl" 2>/dev/null || true
 
 sim_pid=
 cleanup() {
@@ -22,10 +26,10 @@ trap 'exit 130' INT
 trap 'exit 143' TERM
 
 if [ -x "$bin/gnxsim" ]; then
-    link="$top/$build/gnx0"
+    link="$tree/gnx0"
     # The end of its control input does not stop the emulator: it runs until it is signalled.
     "$bin/gnxsim" --model "$model" --link "$link" --platforms 6 --flash-records 200 \
-        --live-interval 3000 --seed 1 </dev/null >"$top/$build/gnxsim.log" 2>&1 &
+        --live-interval 3000 --seed 1 </dev/null >"$tree/gnxsim.log" 2>&1 &
     sim_pid=$!
     for _ in $(seq 1 50); do [ -e "$link" ] && break; sleep 0.1; done
     export GNX_EXTRA_PORTS="$link"
