@@ -1,4 +1,5 @@
-// gnxsim figures: in-process command rate, record encoding, flash answers, pty round trips.
+// gnxsim figures: in-process command rate, record encoding, flash answers, pty round trips, and
+// the line rate kept by --baud.
 #include "PtyPeer.h"
 #include "SimWire.h"
 
@@ -140,6 +141,28 @@ void ptyRoundTrips()
            qint64(stream.size()));
 }
 
+// The emulator never sends faster than its line, nor much slower (8N1: ten bits a byte).
+void throttledLineRate(int baud)
+{
+    Options o;
+    o.baud = baud;
+    PtySimulator sim(o);
+    if (!sim.start())
+        return;
+    PtyPeer peer(sim.slavePath());
+    const int bytes = baud * 2 / 10; // two seconds of line
+    sim.sendRawBytes(QByteArray(bytes, 'x'));
+    if (!peer.readSome(10000))
+        return;
+    QElapsedTimer t;
+    t.start();
+    const int first = int(peer.buffer().size());
+    while (peer.buffer().size() < bytes && t.elapsed() < 60000)
+        peer.readSome(1000);
+    const double rate = (peer.buffer().size() - first) * 10.0 / (t.nsecsElapsed() / 1e9);
+    printf("throttled line at %d baud: %.3f of the nominal rate\n", baud, rate / baud);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -149,5 +172,7 @@ int main(int argc, char** argv)
     recordRate();
     flashAnswers();
     ptyRoundTrips();
+    throttledLineRate(9600);
+    throttledLineRate(115200);
     return 0;
 }

@@ -143,6 +143,7 @@ private slots:
         row(gnx234, bl, "ATBL", "ACK,1");
         row(gnx234, bl, "REBO", "ACK,1");
         row(gnx234, app, "$DFP,3*67\n", "DFP,3");
+        row(gnx234, app, "DFP", "DFP,1"); // erase all: an answer always has a value
         for (const char* line : {"$TEST*3D\r\n", "$TEST*3c\r\n", "TEST*3C\r\n", "$TEST\r\n"})
             row(gnx234, app, line, "ACK,0"); // refused lines are recorded
         row(gnx134, bl, "GSN", "ACK,0");

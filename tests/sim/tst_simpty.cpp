@@ -76,34 +76,6 @@ private slots:
         QCOMPARE(QProcess::execute(GNXSIM_EXE, {"--write-formats", dir.filePath("format.vtl")}), 0);
         QCOMPARE(contents(dir.filePath("format.vtl")), contents(GNXSIM_DATA_DIR "/format.vtl"));
     }
-
-    void throttleKeepsTheLineRate_data()
-    {
-        QTest::addColumn<int>("baud");
-        QTest::newRow("9600") << 9600;
-        QTest::newRow("115200") << 115200;
-    }
-    void throttleKeepsTheLineRate()
-    {
-        QFETCH(int, baud);
-        const int bytes = baud * 4 / 10; // 4 s
-        Options o;
-        o.baud = baud;
-        PtySimulator sim(o);
-        QVERIFY(sim.start());
-        PtyPeer peer(sim.slavePath());
-        sim.sendRawBytes(QByteArray(bytes, 'x'));
-        QVERIFY(peer.readSome(10000));
-        QElapsedTimer timer;
-        timer.start();
-        const int first = int(peer.buffer().size());
-        while (peer.buffer().size() < bytes && timer.elapsed() < 60000)
-            peer.readSome(1000);
-        QCOMPARE(int(peer.buffer().size()), bytes);
-        const double rate = (bytes - first) * 10.0 / (timer.nsecsElapsed() / 1e9); // bits per second, 8N1
-        // Never faster; slower only by what a loaded machine can delay the last write.
-        QVERIFY2(rate <= baud * 1.10 && rate >= baud * 0.90, qPrintable(QString::number(rate)));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestSimPty)

@@ -124,11 +124,9 @@ private slots:
         QFile::remove(logPath);
         QVERIFY(showWindow({port}));
         QCOMPARE(window_->portAction(port)->toolTip(), "Connect to GNX @" + port);
-        // The button shows its text (the port, or the permission warning) beside the icon.
-        const auto* button =
-            qobject_cast<QToolButton*>(ui()->mainToolBar_->widgetForAction(window_->portAction(port)));
-        QVERIFY(button && button->toolButtonStyle() == Qt::ToolButtonTextBesideIcon);
-        QCOMPARE(window_->portAction(port)->text(), port);
+        // The port name, or the permission warning, shows beside the icon.
+        const auto* button = ui()->mainToolBar_->widgetForAction(window_->portAction(port));
+        QCOMPARE(qobject_cast<const QToolButton*>(button)->toolButtonStyle(), Qt::ToolButtonTextBesideIcon);
         QVERIFY(!ui()->tabWidget->isEnabled());
 
         LogCapture logs;
@@ -140,13 +138,9 @@ private slots:
         QVERIFY(!ui()->lineEditVersionsApplication->text().isEmpty());
         QCOMPARE(logs.count(QtInfoMsg, "Connection of a GNX on " + port + "."), 1);
         QCOMPARE(logs.count(QtInfoMsg, "GNX configuration loaded!"), 1);
-        // The log table sits in the Terminal group, above the command row, and holds it all.
-        QCOMPARE(ui()->tableWidgetLogger->parentWidget(), ui()->groupBoxTerminal);
+        // The log table heads the Terminal group, above the command row, and has the start-up's lines.
         QCOMPARE(ui()->verticalLayoutTerminalGroup->indexOf(ui()->tableWidgetLogger), 0);
-        QCOMPARE(ui()->verticalLayoutTerminalGroup->itemAt(1)->layout(), ui()->horizontalLayoutTerminal);
         QTRY_VERIFY(!ui()->tableWidgetLogger->findItems("Ready!", Qt::MatchExactly).isEmpty());
-        QTRY_VERIFY(
-            !ui()->tableWidgetLogger->findItems("GNX configuration loaded!", Qt::MatchExactly).isEmpty());
 
         // Generation-specific widgets.
         QCOMPARE(ui()->checkBoxHardwareProximityMode->isHidden(), gnx134);
@@ -224,9 +218,8 @@ private slots:
     void refreshingSendsNoWrites()
     {
         QVERIFY(startAndConnect(simOptions("gnx234", 2)));
-        // The device reports other values than the widgets show: writing them into the widgets
-        // must not send them back.
-        // Some lie beyond what the widgets let a user choose.
+        // The device reports other values than the widgets show, some beyond what a user may
+        // choose: writing them into the widgets must not send them back.
         QStringList other = sim_->softwareSetup();
         other[0] = other[0] == "1" ? "0" : "1";
         other[2] = "100";
@@ -245,14 +238,13 @@ private slots:
         QCOMPARE(writesOf(received, "SETUPSW"), QStringList());
         QCOMPARE(writesOf(received, "SETUPHW"), QStringList());
 
-        // The next edit of another field sends them back as they were read.
-        sim_->clearReceived();
+        // The next edit of another field sends them as they were read (the contrast slider stops at 40).
         ui()->checkBoxHardwareProximityMode->toggle();
-        QCOMPARE(writesOf(sim_->receivedLines(), "SETUPHW").value(0).section(',', 3, 3), QString("1500"));
+        QCOMPARE(sim_->hardwareSetup()[2], QString("1500"));
+        sim_->clearReceived();
         ui()->checkBoxSetupSoftwareBacklight->toggle();
         const QStringList write = writesOf(sim_->receivedLines(), "SETUPSW").value(0).split(',');
-        QCOMPARE(write.value(3), QString("100")); // the contrast slider stops at 40
-        QCOMPARE(write.value(7), QString("40000"));
+        QCOMPARE(write.value(3) + '|' + write.value(7), QString("100|40000"));
     }
 
     // A refused write is followed by the read-back: the widget shows the device's value again,
@@ -262,26 +254,18 @@ private slots:
         QVERIFY(startAndConnect(simOptions("gnx234", 2)));
         const QStringList before = sim_->softwareSetup();
         QComboBox* band = ui()->comboBoxSetupSoftwareOrviaBand;
-        sim_->clearReceived();
         band->setCurrentIndex(band->findText("INVALID"));
         QCOMPARE(dialogs_->criticals.size(), 1);
-        QVERIFY2(dialogs_->criticals[0].startsWith("Error in reply: "), qPrintable(dialogs_->criticals[0]));
-        QCOMPARE(sim_->receivedLines().last(), QString("SETUPSW") + QString(",").repeated(14));
         QCOMPARE(QString::number(band->currentIndex()), before[12]);
-
         ui()->checkBoxSetupSoftwareBacklight->toggle();
         QCOMPARE(dialogs_->criticals.size(), 1);
         QVERIFY(sim_->softwareSetup()[1] != before[1]);
 
         // A typed value is written once, when it is committed.
-        QSpinBox* offset = ui()->spinBoxSetupSoftwareDirectionOffset;
-        offset->setFocus();
-        offset->selectAll();
+        ui()->spinBoxSetupSoftwareDirectionOffset->selectAll();
         sim_->clearReceived();
-        QTest::keyClicks(offset, "123");
-        QCOMPARE(sim_->receivedLines(), QStringList());
-        QTest::keyClick(offset, Qt::Key_Return);
-        QCOMPARE(writesOf(sim_->receivedLines(), "SETUPSW").size(), 1);
+        QTest::keyClicks(ui()->spinBoxSetupSoftwareDirectionOffset, "123\r");
+        QCOMPARE(writesOf(sim_->receivedLines(), "SETUPSW"), QStringList(sim_->receivedLines().first()));
         QCOMPARE(sim_->softwareSetup()[6], QString("123"));
     }
 
@@ -344,23 +328,16 @@ private slots:
         else
             sim_->sendRawBytes("$GSN,1*00\r\n");
         QTRY_VERIFY_WITH_TIMEOUT(window_->connectedPort().isEmpty(), 10000);
-        QCOMPARE(ui()->lineEditVersionsStatus->text(), QString("Not connected"));
-        QVERIFY(!ui()->tabWidget->isEnabled());
-        QStringList criticals;
+        QStringList said; // info and critical
         for (const auto& m : logs.messages)
-            if (m.first == QtCriticalMsg)
-                criticals << m.second;
-        if (unplug) {
-            QCOMPARE(logs.count(QtInfoMsg, "Disconnection of " + port + " (GNX disconnected)."), 1);
-            QCOMPARE(criticals, QStringList());
-            QVERIFY(!window_->portAction(port));
-        } else {
-            const QString expected = GnxFrame::checksumText(GnxFrame::checksum(u"GSN,1*"));
-            QCOMPARE(criticals,
-                     QStringList("Error on " + port + " (Bad checksum in GNX reply \"$GSN,1*00\": 00 vs " +
-                                 expected + ".). Please restart connection."));
-            QVERIFY(window_->portAction(port));
-        }
+            if (m.first == QtInfoMsg || m.first == QtCriticalMsg)
+                said << m.second;
+        const QString badChecksum = "Bad checksum in GNX reply \"$GSN,1*00\": 00 vs " +
+                                    GnxFrame::checksumText(GnxFrame::checksum(u"GSN,1*")) + '.';
+        QCOMPARE(said, QStringList(unplug ? "Disconnection of " + port + " (GNX disconnected)."
+                                          : "Error on " + port + " (" + badChecksum +
+                                                "). Please restart connection."));
+        QCOMPARE(window_->portAction(port) != nullptr, !unplug);
     }
 
     void firmwareUpdate()

@@ -10,48 +10,18 @@ class TestSessionLog : public QObject
 {
     Q_OBJECT
 
-private:
-    static QByteArray contents(const QString& path)
-    {
-        QFile f(path);
-        f.open(QIODevice::ReadOnly);
-        return f.readAll();
-    }
-
 private slots:
-    void sessionsAreSeparatedAndFlushed()
-    {
-        QTemporaryDir dir;
-        const QString logs = dir.filePath("Logs"); // created on demand
-        SessionLog log;
-        log.open(logs, "0012-345");
-        QCOMPARE(log.filePath(), logs + "/Log 0012-345.txt");
-        log.writeLine("first session");
-        // Flushed per line: readable while the log is still open.
-        QCOMPARE(contents(log.filePath()), QByteArray("first session\n"));
-        log.close();
-
-        log.open(logs, "0012-345");
-        log.writeLine("second session");
-        QCOMPARE(contents(log.filePath()), QByteArray("first session\n\n\n\nsecond session\n"));
-    }
-
     void fileSafe_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("safe");
-        QTest::newRow("serial") << "0012-345"
-                                << "0012-345";
-        QTest::newRow("pty path") << "/dev/pts/3"
-                                  << "dev_pts_3";
-        QTest::newRow("windows port") << "COM3"
-                                      << "COM3";
-        QTest::newRow("spaces and colon") << "/tmp/my gnx:0"
-                                          << "tmp_my_gnx_0";
-        QTest::newRow("only unsafe") << "///"
-                                     << "unknown";
-        QTest::newRow("dot dot") << "../x"
-                                 << "x";
+        for (const auto& [text, safe] : QList<QPair<QString, QString>>{{"0012-345", "0012-345"},
+                                                                       {"/dev/pts/3", "dev_pts_3"},
+                                                                       {"COM3", "COM3"},
+                                                                       {"/tmp/my gnx:0", "tmp_my_gnx_0"},
+                                                                       {"///", "unknown"},
+                                                                       {"../x", "x"}})
+            QTest::newRow(qPrintable(text)) << text << safe;
     }
 
     void fileSafe()
