@@ -354,11 +354,15 @@ QByteArray GnxLink::readFlashMemory()
     const qint64 end = replyValues_.value(1).trimmed().toLongLong();
     qInfo().noquote() << QStringLiteral("Read %1 bytes of data from flash memory...").arg(end - start);
 
+    readCancelled_ = false;
+    const qint64 total = qMax<qint64>(end - start, 0);
+    emit sigFlashProgress(0, total);
     QByteArray data;
-    for (qint64 position = start; position < end; position += kFlashReadStep) {
+    for (qint64 position = start; position < end && !readCancelled_; position += kFlashReadStep) {
         binaryData_.clear();
         sendBlockingRequest(CMD_RFP, {QString::number(position), QString::number(kFlashReadStep)});
         data += binaryData_;
+        emit sigFlashProgress(qMin(position + kFlashReadStep - start, total), total);
     }
     return data;
 }

@@ -276,8 +276,10 @@ public:
     QStringList replyValues() const { return replyValues_; }
     QByteArray binaryData() const { return binaryData_; }
 
-    // Flash memory.
+    // Flash memory. The whole-memory read reports its progress after each block and stops
+    // between two blocks once cancelRead() was called, returning what it has.
     QByteArray readFlashMemory();
+    void cancelRead() { readCancelled_ = true; }
     QByteArray readPlatformFlashMemory(int platformIndex);
     void deletePlatformFlashMemory(int platformIndex);
     void deleteFlashMemory();
@@ -318,6 +320,8 @@ signals:
     void sigLinkCompromised(QString portName, QString message);
     void sigOrviaMessageReceived(OrviaGonioManager::Com::OrviaRxMessage_t orviaRxMessage,
                                  OrviaGonioManager::Com::GnxLink::RxOrigin_t rxOrigin);
+    // Whole flash memory read: bytes read so far of those CMD_IFP announced; first (0, total).
+    void sigFlashProgress(qint64 bytesRead, qint64 total);
     // Firmware upload progress: records sent so far, out of total.
     void sigFirmwareProgress(int sent, int total);
 
@@ -349,6 +353,7 @@ private:
     QStringList recordedCommands_;
     QString serialNumber_;
     bool linkCompromised_ = false; // reported once per connection
+    bool readCancelled_ = false;
 };
 
 } // namespace OrviaGonioManager::Com

@@ -5,9 +5,11 @@
 #include "com/ComManager.h"
 #include "mrl/ui/Help.h"
 #include "mrl/ui/UiLogger.h"
+#include "ui/JobPanel.h"
 #include "ui_MainWindow.h"
 #include "utils/FlashMemory.h"
 #include "utils/GpsFormat.h"
+#include "utils/JobProgress.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -62,6 +64,9 @@ MainWindow::MainWindow(QWidget* parent)
     progressBar_ = new QProgressBar(this);
     progressBar_->setVisible(false);
     ui_->statusBar->addPermanentWidget(progressBar_);
+    job_ = new Utils::JobProgress(this);
+    jobPanel_ = new JobPanel(job_, this);
+    ui_->statusBar->addPermanentWidget(jobPanel_);
 
     Utils::Settings::instance();
     comManager_ = new Com::ComManager(this);

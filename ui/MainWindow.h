@@ -22,7 +22,8 @@ class ComManager;
 }
 namespace OrviaGonioManager::Utils {
 class FlashMemory;
-}
+class JobProgress;
+} // namespace OrviaGonioManager::Utils
 
 namespace OrviaGonioManager::Ui {
 
@@ -44,6 +45,9 @@ public:
     QStringList portNames() const { return portActions_.keys(); }
     QString connectedPort() const { return connectedPort_; }
     QString sessionLogPath() const { return sessionLog_.filePath(); }
+    // The long job under way, and the status bar's view of it.
+    Utils::JobProgress* jobProgress() const { return job_; }
+    class JobPanel* jobPanel() const { return jobPanel_; }
 
     // The connect toggle of a port action.
     void connectToggled(const QString& portName, bool checked);
@@ -159,6 +163,8 @@ private:
     quint16 deviceContrast_ = 0; // as last read: the slider shows it bounded to its range
     QList<QMetaObject::Connection> widgetConnections_;
     QProgressBar* progressBar_ = nullptr;
+    Utils::JobProgress* job_ = nullptr;
+    class JobPanel* jobPanel_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui

@@ -6,6 +6,7 @@
 #include "ui/FavoritesTab.h"
 #include "ui_MainWindow.h"
 #include "utils/GpsFormat.h"
+#include "utils/JobProgress.h"
 
 #include <QFile>
 #include <QSaveFile>
@@ -102,15 +103,19 @@ void sortBySlot(QTableWidget* table)
     table->sortByColumn(COLUMN_INDEX, Qt::AscendingOrder);
 }
 
-// Reads every slot before touching the table, so that a failed read leaves it as it was.
-void loadPlatforms(GnxLink& link, QTableWidget* table)
+// Reads every slot before touching the table, so that a failed read leaves it as it was; a
+// cancelled one shows the slots it read.
+void loadPlatforms(GnxLink& link, QTableWidget* table, Utils::JobProgress& job)
 {
     QList<GnxLink::PlatformInfo> used;
     const int slotCount = link.maxPlatformsNumber();
+    const Utils::JobScope scope(job, QStringLiteral("Platform load"), slotCount, QStringLiteral("slots"));
     for (int i = 0; i < slotCount; ++i) {
         GnxLink::PlatformInfo p = link.getPlatformInfo(i);
         if (!p.id.isEmpty())
             used << p;
+        if (!job.advance(i + 1))
+            break;
     }
     const QSignalBlocker blocker(table);
     table->setSortingEnabled(false);
@@ -215,7 +220,7 @@ void MainWindow::slotGetPlatformsInfo()
 
 void MainWindow::loadPlatformsTable()
 {
-    loadPlatforms(*gnxLink_, ui_->tableWidgetPlatforms);
+    loadPlatforms(*gnxLink_, ui_->tableWidgetPlatforms, *job_);
 }
 
 void MainWindow::clearPlatformsTable()
@@ -246,13 +251,17 @@ void MainWindow::slotImportPlatformsInfo()
         table->setSortingEnabled(false);
         const GnxLink::GnxVersion_t version = gnxLink_->version();
         const int columns = columnCount(version);
+        QStringList lines;
+        for (QTextStream in(&file); !in.atEnd();) {
+            const QString line = in.readLine();
+            if (!line.isEmpty() && !line.startsWith(QLatin1Char('#')))
+                lines << line;
+        }
         int taken = 0;
         try {
-            QTextStream in(&file);
-            while (!in.atEnd()) {
-                const QString line = in.readLine();
-                if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
-                    continue;
+            const Utils::JobScope scope(*job_, QStringLiteral("Platform import"), lines.size(),
+                                        QStringLiteral("platforms"));
+            for (const QString& line : std::as_const(lines)) {
                 if (taken >= gnxLink_->maxPlatformsNumber())
                     throw MRL::Utils::Exception(
                         QStringLiteral("Unable to read import whole platform file %1, too many platforms.")
@@ -269,15 +278,16 @@ void MainWindow::slotImportPlatformsInfo()
                 GnxLink::PlatformInfo p = csvPlatform(fields, version, fileName);
                 p.index = taken;
                 gnxLink_->setPlatformInfo(p, false);
-                ++taken;
+                if (!job_->advance(++taken))
+                    break;
             }
         } catch (...) {
             // What was written stays on the receiver: show it.
-            guard([&] { loadPlatforms(*gnxLink_, table); });
+            guard([&] { loadPlatforms(*gnxLink_, table, *job_); });
             sortBySlot(table);
             throw;
         }
-        loadPlatforms(*gnxLink_, table);
+        loadPlatforms(*gnxLink_, table, *job_);
     });
 }
 

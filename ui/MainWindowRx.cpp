@@ -7,6 +7,7 @@
 #include "ui_MainWindow.h"
 #include "utils/CoordinateText.h"
 #include "utils/FlashMemory.h"
+#include "utils/JobProgress.h"
 
 #include <QDebug>
 #include <QMetaEnum>
@@ -270,13 +271,41 @@ void MainWindow::slotReadFlashMemory()
             const auto usedSlots =
                 usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber());
             SortAtEnd sortAtEnd{table};
-            for (const auto& [index, id] : usedSlots)
+            const Utils::JobScope job(*job_, QStringLiteral("Flash read"), qint64(usedSlots.size()),
+                                      QStringLiteral("platforms"));
+            int done = 0;
+            for (const auto& [index, id] : usedSlots) {
                 flash->decodePlatformDump(quint32(index), id, gnxLink_->readPlatformFlashMemory(index));
+                if (!job_->advance(++done))
+                    break;
+            }
         } else {
-            const QByteArray dump = gnxLink_->readFlashMemory();
+            // The job begins once CMD_IFP has told how much there is to read.
+            std::optional<Utils::JobScope> job;
+            const QMetaObject::Connection progress =
+                connect(gnxLink_, &GnxLink::sigFlashProgress, this, [&](qint64 read, qint64 total) {
+                    if (!job)
+                        job.emplace(*job_, QStringLiteral("Flash read"), total, QStringLiteral("bytes"));
+                    if (!job_->advance(read))
+                        gnxLink_->cancelRead();
+                });
+            QByteArray dump;
+            try {
+                dump = gnxLink_->readFlashMemory();
+            } catch (...) {
+                disconnect(progress);
+                throw;
+            }
+            disconnect(progress);
             qInfo().noquote() << "Display messages in RX Table (This operation could be long)...";
             SortAtEnd sortAtEnd{table};
-            flash->decodeDump(dump);
+            try {
+                flash->decodeDump(dump);
+            } catch (const MRL::Utils::Exception&) {
+                // A cancelled read ends inside a record: the whole ones before it are shown.
+                if (!job_->isCancelled())
+                    throw;
+            }
         }
     });
 }
@@ -294,8 +323,15 @@ void MainWindow::slotEraseFlashMemory()
         }
         if (ui_->tableWidgetPlatforms->rowCount() == 0)
             slotGetPlatformsInfo();
-        for (const auto& entry : usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber()))
+        const auto usedSlots = usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber());
+        const Utils::JobScope job(*job_, QStringLiteral("Flash erase"), qint64(usedSlots.size()),
+                                  QStringLiteral("platforms"));
+        int done = 0;
+        for (const auto& entry : usedSlots) {
             gnxLink_->deletePlatformFlashMemory(entry.first);
+            if (!job_->advance(++done))
+                break;
+        }
     });
 }
 

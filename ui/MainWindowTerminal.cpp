@@ -4,11 +4,14 @@
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
+#include "utils/JobProgress.h"
 
 #include <QFile>
 #include <QSaveFile>
 #include <QSignalBlocker>
 #include <QTextStream>
+
+#include <algorithm>
 
 namespace OrviaGonioManager::Ui {
 
@@ -105,6 +108,9 @@ void MainWindow::slotTerminalSaveScript()
             slotSetSetupSoftware();
             slotSetSetupHardware();
             QTableWidget* table = ui_->tableWidgetPlatforms;
+            const Utils::JobScope job(*job_, QStringLiteral("Script save"), table->rowCount(),
+                                      QStringLiteral("platforms"));
+            int done = 0;
             for (int index = 0; index < gnxLink_->maxPlatformsNumber(); ++index) {
                 const int row = platformRow(*table, index);
                 if (row < 0)
@@ -116,6 +122,8 @@ void MainWindow::slotTerminalSaveScript()
                 }
                 slotDisplayPlatformsInfo();
                 slotSavePlatformsInfo();
+                if (!job_->advance(++done))
+                    return; // a script cut short is not written
             }
             frames = recording.take();
         }
@@ -131,6 +139,11 @@ void MainWindow::slotTerminalScript()
         if (fileName.isEmpty())
             return;
         const QStringList lines = readScriptLines(fileName);
+        const Utils::JobScope job(*job_, QStringLiteral("Script"),
+                                  std::count_if(lines.begin(), lines.end(),
+                                                [](const QString& line) { return line.startsWith('$'); }),
+                                  QStringLiteral("lines"));
+        int done = 0;
         for (int i = 0; i < lines.size(); ++i) {
             if (!lines[i].startsWith(QLatin1Char('$')))
                 continue;
@@ -143,6 +156,8 @@ void MainWindow::slotTerminalScript()
                 showException(
                     QStringLiteral("GNX script %1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message()));
             }
+            if (!job_->advance(++done))
+                break;
         }
     });
 }

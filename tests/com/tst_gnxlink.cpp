@@ -228,7 +228,13 @@ private slots:
         const QByteArray records = sim->flashBytes();
         const int steps = int(records.size() + 1 + 16383) / 16384;
         QVERIFY(steps > 1); // several blocks
+        QSignalSpy progress(gnx.get(), &GnxLink::sigFlashProgress);
         QCOMPARE(gnx->readFlashMemory(), records + QByteArray(steps * 16384 - records.size(), char(0xFF)));
+        // Announced first, then after each block; the last one is the whole of what IFP announced.
+        const qint64 total = records.size() + 1;
+        QCOMPARE(progress.size(), steps + 1);
+        for (int i = 0; i <= steps; ++i)
+            QCOMPARE(progress.at(i), (QVariantList{qMin(i * 16384LL, total), total}));
         QStringList reads{"IFP"};
         for (int i = 0; i < steps; ++i)
             reads.append(QStringLiteral("RFP,%1,16384").arg(i * 16384));

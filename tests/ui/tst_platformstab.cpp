@@ -1,6 +1,8 @@
 // The "Favorite platforms" and "GPS Format Info" tabs against the emulator over a pseudo-terminal:
 // what the table shows, what reaches the receiver, the platform files and the GPS formats file.
 #include "common/WindowFixture.h"
+#include "ui/JobPanel.h"
+#include "utils/JobProgress.h"
 
 namespace {
 
@@ -142,6 +144,20 @@ private slots:
         QCOMPARE(rowsOf(table), rows);
         for (int i = 0; i < 5; ++i)
             QCOMPARE(sim_->platformSlot(i).join(','), slotsBefore[i]);
+
+        { // Cancelled after two platforms: the table shows the two the receiver holds.
+            QObject cancelAtTwo;
+            connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &cancelAtTwo,
+                    [&](qint64 done) {
+                        if (done == 2)
+                            window_->jobPanel()->cancelButton()->click();
+                    });
+            dialogs_->answers << QMessageBox::Yes;
+            dialogs_->files << file;
+            ui()->pushButtonPlatformsImport->click();
+            QCOMPARE(table->rowCount(), 2);
+            QCOMPARE(rowsOf(table), deviceRows());
+        }
 
         // A file of the other generation stops at its first line; so does a line of spaces, which
         // is not an empty line.

@@ -1,7 +1,15 @@
 // The "RX" tab against the emulator over a pseudo-terminal: live reports, the ID filter, the CSV
 // export, reading and erasing the flash memory.
 #include "common/WindowFixture.h"
+#include "mrl/utils/Exception.h"
+#include "ui/JobPanel.h"
+#include "utils/FlashDecoder.h"
 #include "utils/GpsFormat.h"
+#include "utils/JobProgress.h"
+
+#include <QPushButton>
+
+using OrviaGonioManager::Utils::FlashDecoder;
 
 namespace {
 
@@ -243,6 +251,42 @@ private slots:
             expected += model == "gnx134" || id.size() == 7;
         QCOMPARE(seenLive, expected);
     }
+
+    // Cancelled after its first block (GNX234) or platform (GNX134): the whole records read so far
+    // are shown, the link is ready, and the log says where the read stopped.
+    void cancelledFlashRead()
+    {
+        QFETCH(QString, model);
+        const bool gnx134 = model == "gnx134";
+        QVERIFY(connectModel(model, gnx134 ? 12 : 1000));
+        QObject ctx;
+        connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &ctx,
+                [&](qint64 done) {
+                    if (done > 0)
+                        window_->jobPanel()->cancelButton()->click();
+                });
+        LogCapture logs;
+        ui()->pushButtonRxFlashRead->click();
+        QCOMPARE(dialogs_->criticals, QStringList());
+        int records = 0;
+        const auto count = [&](const auto&) { ++records; };
+        try {
+            if (gnx134)
+                FlashDecoder::decodePlatformDump(0, "X", sim_->platformFlashBytes(usedSlots_[0]), count);
+            else
+                FlashDecoder::decodeDump(sim_->flashBytes().left(16384), count);
+        } catch (const MRL::Utils::Exception&) {
+        }
+        QCOMPARE(rx()->rowCount(), records);
+        const QString total = gnx134 ? QString::number(usedSlots_.size()) + " platforms"
+                                     : QString::number(sim_->flashBytes().size() + 1) + " bytes";
+        QCOMPARE(logs.count(QtInfoMsg,
+                            "Flash read cancelled after " + QString(gnx134 ? "1" : "16384") + " of " + total),
+                 1);
+        QCOMPARE(window_->gnxLink()->readDeviceInfo().version, window_->gnxLink()->version());
+    }
+
+    void cancelledFlashRead_data() { readFlash_data(); }
 
     void eraseFlash_data() { readFlash_data(); }
 

@@ -1,0 +1,98 @@
+#include "ui/JobPanel.h"
+
+#include "utils/JobProgress.h"
+
+#include <QApplication>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+
+namespace OrviaGonioManager::Ui {
+
+namespace {
+
+// Bars count up to this; byte totals do not fit an int.
+constexpr int kBarSteps = 1000;
+
+bool isUserInput(QEvent::Type type)
+{
+    switch (type) {
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonRelease:
+    case QEvent::MouseButtonDblClick:
+    case QEvent::MouseMove:
+    case QEvent::KeyPress:
+    case QEvent::KeyRelease:
+    case QEvent::ShortcutOverride:
+    case QEvent::Shortcut:
+    case QEvent::Wheel:
+    case QEvent::ContextMenu:
+    case QEvent::TouchBegin:
+    case QEvent::TouchUpdate:
+    case QEvent::TouchEnd:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+JobPanel::JobPanel(Utils::JobProgress* job, QWidget* parent)
+    : QWidget(parent), job_(job), label_(new QLabel(this)), bar_(new QProgressBar(this)),
+      cancel_(new QPushButton(QStringLiteral("Cancel"), this))
+{
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(label_);
+    layout->addWidget(bar_);
+    layout->addWidget(cancel_);
+    bar_->setRange(0, kBarSteps);
+    setVisible(false);
+    connect(cancel_, &QPushButton::clicked, job_, &Utils::JobProgress::cancel);
+    connect(job_, &Utils::JobProgress::sigStarted, this, &JobPanel::onStarted);
+    connect(job_, &Utils::JobProgress::sigProgress, this, &JobPanel::onProgress);
+    connect(job_, &Utils::JobProgress::sigFinished, this, [this] { setVisible(false); });
+    job_->setCheckpoint([this] { checkpoint(); });
+}
+
+void JobPanel::onStarted(const QString& title, qint64 total, const QString& unit)
+{
+    label_->setText(QStringLiteral("%1: 0 of %2 %3").arg(title).arg(total).arg(unit));
+    bar_->setValue(0);
+    setVisible(true);
+}
+
+void JobPanel::onProgress(qint64 done, qint64 total)
+{
+    QString text =
+        QStringLiteral("%1: %2 of %3 %4").arg(job_->title()).arg(done).arg(total).arg(job_->unit());
+    const qint64 msLeft = job_->msLeft();
+    if (msLeft >= 0 && done < total)
+        text += QStringLiteral(", about %1 s left").arg((msLeft + 999) / 1000);
+    label_->setText(text);
+    bar_->setValue(total > 0 ? int(done * kBarSteps / total) : 0);
+}
+
+// Input that waited during the request is handled now: Cancel and Escape, nothing else.
+void JobPanel::checkpoint()
+{
+    qApp->installEventFilter(this);
+    QCoreApplication::processEvents();
+    qApp->removeEventFilter(this);
+}
+
+bool JobPanel::eventFilter(QObject* watched, QEvent* event)
+{
+    if (!isUserInput(event->type()))
+        return false;
+    if (event->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+        job_->cancel();
+        return true;
+    }
+    return watched != cancel_;
+}
+
+} // namespace OrviaGonioManager::Ui
