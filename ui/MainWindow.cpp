@@ -75,6 +75,7 @@ MainWindow::MainWindow(QWidget* parent)
             [this](const QString& port) { guard([&] { slotGnxDetected(port); }); });
     connect(comManager_, &Com::ComManager::sigGnxRemoved, this,
             [this](const QString& port) { guard([&] { slotGnxRemoved(port); }); });
+    setUpRxTable();
     flashMemory_ = Utils::FlashMemory::instance();
     connect(Utils::GpsFormat::instance(), &Utils::GpsFormat::sigNewGpsFormat, this,
             &MainWindow::slotAddGpsFormat);
@@ -121,15 +122,6 @@ void MainWindow::fillComboBoxes()
 
 void MainWindow::setTableHeaders()
 {
-    ui_->tableWidgetRx->setColumnCount(17);
-    ui_->tableWidgetRx->setHorizontalHeaderLabels(
-        {QStringLiteral("Origin"), QStringLiteral("Index"), QStringLiteral("Label"), QStringLiteral("Time"),
-         QStringLiteral("Id"), QStringLiteral("Frequency (Hz)"), QString::fromUtf8("Direction (°)"),
-         QStringLiteral("Band"), QStringLiteral("Modulation"), QStringLiteral("Level (dBm)"),
-         QStringLiteral("Period (s)"), QString::fromUtf8("Latitude GNX (°)"),
-         QString::fromUtf8("Longitude GNX (°)"), QString::fromUtf8("Direction GNX (°)"),
-         QString::fromUtf8("Latitude payload (°)"), QString::fromUtf8("Longitude payload (°)"),
-         QStringLiteral("Payload")});
     ui_->tableWidgetPlatforms->setColumnCount(4);
     ui_->tableWidgetPlatforms->setHorizontalHeaderLabels({QStringLiteral("Index"), QStringLiteral("Id"),
                                                           QStringLiteral("Label"),

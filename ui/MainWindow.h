@@ -4,10 +4,12 @@
 #include "mrl/ui/MainWindow.h"
 #include "ui/SessionLog.h"
 #include "utils/GpsFormat.h"
+#include "utils/RxTableModel.h"
 
 #include <QMap>
 #include <QPointer>
 #include <memory>
+#include <vector>
 
 class QAction;
 class QIcon;
@@ -45,6 +47,7 @@ public:
     QStringList portNames() const { return portActions_.keys(); }
     QString connectedPort() const { return connectedPort_; }
     QString sessionLogPath() const { return sessionLog_.filePath(); }
+    Utils::RxTableModel* rxModel() const { return rxModel_; }
     // The long job under way, and the status bar's view of it.
     Utils::JobProgress* jobProgress() const { return job_; }
     class JobPanel* jobPanel() const { return jobPanel_; }
@@ -145,7 +148,9 @@ private:
     void clearGpsFormatsList();
 
     // RX tab (MainWindowRx.cpp): coordinates are shown as the software setup's coordinate type says.
+    void setUpRxTable();
     void showRxCoordinates(Com::GnxLink::CoordType_t type);
+    void refreshFavourites();
 
     // Terminal tab (MainWindowTerminal.cpp). Private helpers of that tab go here.
 
@@ -159,7 +164,9 @@ private:
     Com::GnxLink::GnxDeviceInfo deviceInfo_;
     SessionLog sessionLog_;
     bool guiRefreshing_ = false;
-    Com::GnxLink::CoordType_t rxCoordType_ = Com::GnxLink::COORDTYPE_DEG; // of the RX table's cells
+    Utils::RxTableModel* rxModel_ = nullptr;
+    bool favouritesChanged_ = true; // the RX table's lookup follows the platforms table
+    std::vector<Utils::RxTableModel::Row>* flashBatch_ = nullptr; // flash messages enter together
     quint16 deviceContrast_ = 0; // as last read: the slider shows it bounded to its range
     QList<QMetaObject::Connection> widgetConnections_;
     QProgressBar* progressBar_ = nullptr;

@@ -1,19 +1,19 @@
-// Main window, "RX" tab: received messages, live or read back from flash memory.
+// Main window, "RX" tab: received messages, live or read back from flash memory, in a table
+// model that keeps the messages and makes cell texts only for what is shown or exported.
 #include "ui/MainWindow.h"
 
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
-#include "utils/CoordinateText.h"
 #include "utils/FlashMemory.h"
 #include "utils/JobProgress.h"
 
 #include <QDebug>
-#include <QMetaEnum>
+#include <QHeaderView>
 #include <QSaveFile>
 #include <QStringConverter>
-#include <QTableWidget>
+#include <QTableView>
 #include <QTextStream>
 
 #include <map>
@@ -21,32 +21,10 @@
 
 namespace OrviaGonioManager::Ui {
 
-namespace {
-
 using Com::GnxLink;
-using Com::OrviaRxMessage_t;
+using Utils::RxTableModel;
 
-enum RxColumn
-{
-    COL_ORIGIN = 0,
-    COL_INDEX,
-    COL_LABEL,
-    COL_TIME,
-    COL_ID,
-    COL_FREQUENCY,
-    COL_DIRECTION,
-    COL_BAND,
-    COL_MODULATION, // left empty: not in the reports
-    COL_LEVEL,
-    COL_PERIOD,
-    COL_GNX_LATITUDE,
-    COL_GNX_LONGITUDE,
-    COL_GNX_DIRECTION,
-    COL_PAYLOAD_LATITUDE,
-    COL_PAYLOAD_LONGITUDE,
-    COL_PAYLOAD,
-    RX_COLUMN_COUNT
-};
+namespace {
 
 // Platforms table columns, read by their text.
 constexpr int kPlatformIndexColumn = 0;
@@ -58,124 +36,6 @@ QString cellText(const QTableWidget* table, int row, int column)
 {
     const QTableWidgetItem* item = table->item(row, column);
     return item ? item->text() : QString();
-}
-
-int rowWithId(const QTableWidget* platforms, const QString& id)
-{
-    for (int row = 0; row < platforms->rowCount(); ++row)
-        if (cellText(platforms, row, kPlatformIdColumn) == id)
-            return row;
-    return -1;
-}
-
-template <typename Enum> QString enumText(int value, const char* prefix)
-{
-    const char* key = QMetaEnum::fromType<Enum>().valueToKey(value);
-    if (!key)
-        return QString::number(value);
-    return QString::fromLatin1(key).remove(QLatin1String(prefix));
-}
-
-QString levelText(int levelCode, qint32 level)
-{
-    switch (levelCode) {
-    case 1:
-        return QStringLiteral("< -135");
-    case 2:
-        return QStringLiteral("> 0");
-    case 3:
-        return QStringLiteral("< -112");
-    case 4:
-        return QStringLiteral("< -115");
-    default:
-        return QStringLiteral("%1").arg(level);
-    }
-}
-
-// Coordinate cells keep their degrees under this role, so that they can be redrawn.
-constexpr int kDegreesRole = Qt::UserRole;
-
-bool isCoordinateColumn(int column)
-{
-    return column == COL_GNX_LATITUDE || column == COL_GNX_LONGITUDE || column == COL_PAYLOAD_LATITUDE ||
-           column == COL_PAYLOAD_LONGITUDE;
-}
-
-// The receiver's own position with five decimals, payload positions with six significant digits.
-QString coordinateCell(int column, double degrees, GnxLink::CoordType_t type)
-{
-    const bool payload = column == COL_PAYLOAD_LATITUDE || column == COL_PAYLOAD_LONGITUDE;
-    return Utils::CoordinateText::format(degrees, type, payload ? 'g' : 'f', payload ? 6 : 5);
-}
-
-struct RxRow
-{
-    QString cells[RX_COLUMN_COUNT];
-    std::optional<double> degrees[RX_COLUMN_COUNT];
-
-    void setCoordinate(int column, double value, GnxLink::CoordType_t type)
-    {
-        degrees[column] = value;
-        cells[column] = coordinateCell(column, value, type);
-    }
-};
-
-RxRow rxRowOf(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin, const QTableWidget* platforms,
-              GnxLink::GnxVersion_t version, int slotCount, GnxLink::CoordType_t coordType)
-{
-    RxRow r;
-    r.cells[COL_ORIGIN] = origin == GnxLink::RXORIGIN_LIVE ? QStringLiteral("Live") : QStringLiteral("Flash");
-    const int platformRow = rowWithId(platforms, message.platformId);
-    if (platformRow >= 0) {
-        r.cells[COL_INDEX] = cellText(platforms, platformRow, kPlatformIndexColumn);
-        r.cells[COL_LABEL] = cellText(platforms, platformRow, kPlatformLabelColumn);
-    }
-    const QDateTime time = MRL::Utils::DateTime::fromMjd(message.mjd, message.secondsOfDay).toQDateTime();
-    r.cells[COL_TIME] = time.toString(QStringLiteral("yyyy-MM-ddThh:mm:ss"));
-    r.cells[COL_ID] = message.platformId;
-    r.cells[COL_FREQUENCY] = QStringLiteral("%1").arg(message.frequency);
-
-    // A GNX134 favourite report also carries the platform's mean direction.
-    const bool favouriteV1 =
-        version == GnxLink::GNX_V1 && message.platformIndex >= 0 && message.platformIndex != slotCount;
-    r.cells[COL_DIRECTION] =
-        favouriteV1 ? QStringLiteral("%1 (avg %2)").arg(message.direction).arg(message.v1FlashValue)
-                    : QStringLiteral("%1").arg(message.direction);
-
-    // A GNX134 message holds B1; no report carries the modulation.
-    r.cells[COL_BAND] = enumText<GnxLink::OrviaBand_t>(message.band, "ORVIABAND_");
-    r.cells[COL_LEVEL] = levelText(0, message.level); // no level code in the reports
-    r.cells[COL_PERIOD] = QStringLiteral("%1").arg(message.period);
-    const bool gnxPositionValid = message.flagBit0;
-    if (gnxPositionValid) {
-        r.setCoordinate(COL_GNX_LATITUDE, message.gnxLatitude, coordType);
-        r.setCoordinate(COL_GNX_LONGITUDE, message.gnxLongitude, coordType);
-    } else {
-        r.cells[COL_GNX_LATITUDE] = r.cells[COL_GNX_LONGITUDE] = QStringLiteral("Invalid");
-    }
-    r.cells[COL_GNX_DIRECTION] = QStringLiteral("%1").arg(message.gnxDirection);
-
-    const QString formatName =
-        platformRow >= 0 ? cellText(platforms, platformRow, kPlatformGpsFormatColumn) : QString();
-    if (!formatName.isEmpty()) {
-        // Restores the filler byte that 28-bit identifiers put in front of the data.
-        QByteArray payload = message.payload;
-        if (message.platformId.size() == 7)
-            payload.prepend('\0');
-        double latitude = 0.0;
-        double longitude = 0.0;
-        if (Utils::GpsFormat::instance()->decodePosition(formatName, payload, latitude, longitude)) {
-            r.setCoordinate(COL_PAYLOAD_LATITUDE, latitude, coordType);
-            r.setCoordinate(COL_PAYLOAD_LONGITUDE, longitude, coordType);
-        }
-    }
-    r.cells[COL_PAYLOAD] = QString::fromLatin1(message.payload.toHex().toUpper());
-    return r;
-}
-
-void applyIdFilter(QTableWidget* table, int row, const QString& filter)
-{
-    table->setRowHidden(row, !cellText(table, row, COL_ID).contains(filter, Qt::CaseSensitive));
 }
 
 // Used favourite slots (index -> identifier) as the platforms table shows them.
@@ -192,30 +52,48 @@ std::map<int, QString> usedPlatformSlots(const QTableWidget* platforms, int slot
     return used;
 }
 
-QStringList exportLines(const QTableWidget* table)
+} // namespace
+
+void MainWindow::setUpRxTable()
 {
-    QStringList header;
-    for (int column = 0; column < table->columnCount(); ++column) {
-        const QTableWidgetItem* item = table->horizontalHeaderItem(column);
-        header << (item ? item->text() : QString());
-    }
-    QStringList lines{header.join(',')};
-    const bool selectionOnly = !table->selectedItems().isEmpty();
-    for (int row = 0; row < table->rowCount(); ++row) {
-        if (table->isRowHidden(row))
-            continue;
-        const QTableWidgetItem* first = table->item(row, 0);
-        if (selectionOnly && !(first && first->isSelected()))
-            continue;
-        QStringList cells;
-        for (int column = 0; column < table->columnCount(); ++column)
-            cells << cellText(table, row, column);
-        lines << cells.join(',');
-    }
-    return lines;
+    rxModel_ = new RxTableModel(this);
+    QTableView* view = ui_->tableViewRx;
+    view->setModel(rxModel_);
+    view->setSelectionBehavior(QAbstractItemView::SelectItems);
+    // One height for every row: a million rows cost the header nothing.
+    view->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    QAbstractItemModel* platforms = ui_->tableWidgetPlatforms->model();
+    const auto changed = [this] { favouritesChanged_ = true; };
+    connect(platforms, &QAbstractItemModel::rowsInserted, this, changed);
+    connect(platforms, &QAbstractItemModel::rowsRemoved, this, changed);
+    connect(platforms, &QAbstractItemModel::rowsMoved, this, changed);
+    connect(platforms, &QAbstractItemModel::dataChanged, this, changed);
+    connect(platforms, &QAbstractItemModel::layoutChanged, this, changed);
+    connect(platforms, &QAbstractItemModel::modelReset, this, changed);
 }
 
-} // namespace
+// The first platforms row of each identifier names its messages.
+void MainWindow::refreshFavourites()
+{
+    if (!favouritesChanged_)
+        return;
+    favouritesChanged_ = false;
+    QHash<QString, RxTableModel::Favourite> favourites;
+    const QTableWidget* platforms = ui_->tableWidgetPlatforms;
+    for (int row = 0; row < platforms->rowCount(); ++row) {
+        const QString id = cellText(platforms, row, kPlatformIdColumn);
+        if (!favourites.contains(id))
+            favourites.insert(id, {cellText(platforms, row, kPlatformIndexColumn),
+                                   cellText(platforms, row, kPlatformLabelColumn),
+                                   cellText(platforms, row, kPlatformGpsFormatColumn)});
+    }
+    rxModel_->setFavourites(std::move(favourites));
+}
+
+void MainWindow::showRxCoordinates(GnxLink::CoordType_t type)
+{
+    rxModel_->setCoordType(type);
+}
 
 void MainWindow::slotSetLiveRxEnabled(bool enabled)
 {
@@ -224,7 +102,7 @@ void MainWindow::slotSetLiveRxEnabled(bool enabled)
 
 void MainWindow::slotClearRxTable()
 {
-    guard([&] { ui_->tableWidgetRx->setRowCount(0); });
+    guard([&] { rxModel_->clear(); });
 }
 
 void MainWindow::slotExportRxTable()
@@ -238,9 +116,14 @@ void MainWindow::slotExportRxTable()
         QSaveFile file(fileName);
         if (!file.open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Truncate))
             throw MRL::Utils::Exception(QStringLiteral("Unable to open RX file %1").arg(fileName), 2);
+        // With any cell selected, the rows whose first cell is.
+        const QItemSelectionModel* selection = ui_->tableViewRx->selectionModel();
+        const bool selectionOnly = selection->hasSelection();
+        const QStringList lines = rxModel_->exportLines(
+            [&](int row) { return !selectionOnly || selection->isSelected(rxModel_->index(row, 0)); });
         QTextStream out(&file);
         out.setEncoding(QStringConverter::Latin1);
-        for (const QString& line : exportLines(ui_->tableWidgetRx))
+        for (const QString& line : lines)
             out << line << '\n';
         out.flush();
         if (out.status() != QTextStream::Ok || !file.commit())
@@ -251,16 +134,22 @@ void MainWindow::slotExportRxTable()
 void MainWindow::slotReadFlashMemory()
 {
     guard([&] {
-        QTableWidget* table = ui_->tableWidgetRx;
-        // Sorted by time even when a dump turns out to be truncated part-way.
-        struct SortAtEnd
+        // The decoded messages enter together, then the table is sorted by time, newest first:
+        // also when the dump turns out to be truncated part-way.
+        std::vector<RxTableModel::Row> batch;
+        struct EnterAtEnd
         {
-            QTableWidget* table;
-            ~SortAtEnd()
+            MainWindow* w;
+            std::vector<RxTableModel::Row>& batch;
+            ~EnterAtEnd()
             {
-                table->resizeColumnsToContents();
-                table->setSortingEnabled(true);
-                table->sortByColumn(COL_TIME, Qt::DescendingOrder);
+                w->flashBatch_ = nullptr;
+                QTableView* view = w->ui_->tableViewRx;
+                view->setSortingEnabled(false);
+                w->rxModel_->addRows(std::move(batch));
+                view->horizontalHeader()->setSortIndicator(RxTableModel::COL_TIME, Qt::DescendingOrder);
+                view->setSortingEnabled(true);
+                view->resizeColumnsToContents();
             }
         };
 
@@ -270,7 +159,8 @@ void MainWindow::slotReadFlashMemory()
                 slotGetPlatformsInfo();
             const auto usedSlots =
                 usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber());
-            SortAtEnd sortAtEnd{table};
+            flashBatch_ = &batch;
+            EnterAtEnd enterAtEnd{this, batch};
             const Utils::JobScope job(*job_, QStringLiteral("Flash read"), qint64(usedSlots.size()),
                                       QStringLiteral("platforms"));
             int done = 0;
@@ -298,7 +188,8 @@ void MainWindow::slotReadFlashMemory()
             }
             disconnect(progress);
             qInfo().noquote() << "Display messages in RX Table (This operation could be long)...";
-            SortAtEnd sortAtEnd{table};
+            flashBatch_ = &batch;
+            EnterAtEnd enterAtEnd{this, batch};
             try {
                 flash->decodeDump(dump);
             } catch (const MRL::Utils::Exception&) {
@@ -339,18 +230,17 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
                                           Com::GnxLink::RxOrigin_t rxOrigin)
 {
     guard([&] {
-        const RxRow r = rxRowOf(orviaRxMessage, rxOrigin, ui_->tableWidgetPlatforms, gnxLink_->version(),
-                                gnxLink_->maxPlatformsNumber(), rxCoordType_);
-        QTableWidget* table = ui_->tableWidgetRx;
-        table->setSortingEnabled(false);
-        table->insertRow(0);
-        for (int column = 0; column < RX_COLUMN_COUNT; ++column) {
-            auto* item = new QTableWidgetItem(r.cells[column]);
-            if (r.degrees[column])
-                item->setData(kDegreesRole, *r.degrees[column]);
-            table->setItem(0, column, item);
+        refreshFavourites();
+        RxTableModel::Row row =
+            rxModel_->rowFor(orviaRxMessage, rxOrigin, gnxLink_->version(), gnxLink_->maxPlatformsNumber());
+        if (flashBatch_ && rxOrigin == GnxLink::RXORIGIN_FLASH) {
+            flashBatch_->push_back(std::move(row));
+        } else {
+            ui_->tableViewRx->setSortingEnabled(false);
+            std::vector<RxTableModel::Row> one;
+            one.push_back(std::move(row));
+            rxModel_->addRows(std::move(one));
         }
-        applyIdFilter(table, 0, ui_->lineEditRxIdFilter->text());
 
         if (ui_->checkBoxRxLogToFile->isChecked()) {
             const QDateTime time =
@@ -363,34 +253,14 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
     });
 }
 
-// Redraws the coordinate cells when the software setup's coordinate type changes.
-void MainWindow::showRxCoordinates(GnxLink::CoordType_t type)
-{
-    if (type == rxCoordType_)
-        return;
-    rxCoordType_ = type;
-    QTableWidget* table = ui_->tableWidgetRx;
-    for (int row = 0; row < table->rowCount(); ++row)
-        for (int column = 0; column < RX_COLUMN_COUNT; ++column) {
-            QTableWidgetItem* item = isCoordinateColumn(column) ? table->item(row, column) : nullptr;
-            const QVariant degrees = item ? item->data(kDegreesRole) : QVariant();
-            if (degrees.isValid())
-                item->setText(coordinateCell(column, degrees.toDouble(), type));
-        }
-}
-
 void MainWindow::slotFilterRxTable()
 {
-    guard([&] {
-        const QString filter = ui_->lineEditRxIdFilter->text();
-        for (int row = 0; row < ui_->tableWidgetRx->rowCount(); ++row)
-            applyIdFilter(ui_->tableWidgetRx, row, filter);
-    });
+    guard([&] { rxModel_->setIdFilter(ui_->lineEditRxIdFilter->text()); });
 }
 
 void MainWindow::slotClearSelectionRxTable()
 {
-    guard([&] { ui_->tableWidgetRx->clearSelection(); });
+    guard([&] { ui_->tableViewRx->clearSelection(); });
 }
 
 } // namespace OrviaGonioManager::Ui

@@ -11,16 +11,6 @@
 
 using OrviaGonioManager::Utils::FlashDecoder;
 
-namespace {
-
-QString cell(QTableWidget* table, int row, int column)
-{
-    const QTableWidgetItem* item = table->item(row, column);
-    return item ? item->text() : QString();
-}
-
-} // namespace
-
 class TestRxTab : public QObject, private WindowFixture
 {
     Q_OBJECT
@@ -28,7 +18,8 @@ class TestRxTab : public QObject, private WindowFixture
 private:
     QList<int> usedSlots_;
 
-    QTableWidget* rx() const { return ui()->tableWidgetRx; }
+    OrviaGonioManager::Utils::RxTableModel* rx() const { return window_->rxModel(); }
+    QString cell(int row, int column) const { return rx()->cellText(row, column); }
 
     bool connectModel(const QString& model, int flashRecords = 0)
     {
@@ -63,9 +54,9 @@ private:
 
     void emitFrom(int slot, bool favourite)
     {
-        const int before = rx()->rowCount();
+        const int before = rx()->allRowCount();
         QVERIFY(sim_->emitNpr(slot, favourite));
-        QTRY_COMPARE_WITH_TIMEOUT(rx()->rowCount(), before + 1, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(rx()->allRowCount(), before + 1, 10000);
     }
 
     QStringList exportTo(const QString& name)
@@ -102,15 +93,15 @@ private slots:
         for (int slot : usedSlots_) {
             emitFrom(slot, favourite);
             const QStringList stored = sim_->platformSlot(slot);
-            QCOMPARE(cell(rx(), 0, 0), QString("Live"));
-            QCOMPARE(cell(rx(), 0, 1), QString::number(slot));
-            QCOMPARE(cell(rx(), 0, 2), stored[4]);
-            QCOMPARE(cell(rx(), 0, 4), stored[3]);
-            QCOMPARE(cell(rx(), 0, 6).contains(" (avg "), gnx134 && favourite);
-            QVERIFY(gnx134 ? cell(rx(), 0, 7) == "B1" : cell(rx(), 0, 7).startsWith('B'));
-            QVERIFY(cell(rx(), 0, 11) != "Invalid"); // the emulator's position is valid
+            QCOMPARE(cell(0, 0), QString("Live"));
+            QCOMPARE(cell(0, 1), QString::number(slot));
+            QCOMPARE(cell(0, 2), stored[4]);
+            QCOMPARE(cell(0, 4), stored[3]);
+            QCOMPARE(cell(0, 6).contains(" (avg "), gnx134 && favourite);
+            QVERIFY(gnx134 ? cell(0, 7) == "B1" : cell(0, 7).startsWith('B'));
+            QVERIFY(cell(0, 11) != "Invalid"); // the emulator's position is valid
             const bool hasFormat = stored[5] == "1";
-            QCOMPARE(!cell(rx(), 0, 14).isEmpty(), hasFormat);
+            QCOMPARE(!cell(0, 14).isEmpty(), hasFormat);
             const QByteArray log = readAll(window_->sessionLogPath());
             const QByteArray expected = " Received : $" + QByteArray(favourite ? "NPRF," : "NPR,");
             QVERIFY2(log.split('\n').value(log.count('\n') - 1).contains(expected), log.constData());
@@ -150,19 +141,17 @@ private slots:
         addPlatformRow({"5", "ABCDE", "Raw A", "RAW"});
         addPlatformRow({"6", "ABCDEF0", "Raw B", "RAW"});
         sim_->sendRawLine(line);
-        QTRY_COMPARE_WITH_TIMEOUT(rx()->rowCount(), 1, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(rx()->allRowCount(), 1, 10000);
         QStringList cells;
-        for (int c = 0; c < rx()->columnCount(); ++c)
-            cells << cell(rx(), 0, c);
+        for (int c = 0; c < rx()->COLUMN_COUNT; ++c)
+            cells << cell(0, c);
         QCOMPARE(cells.join('|'), expected);
 
         // Rows already shown follow the coordinate type the device accepted.
         QFETCH(QString, minutes);
         ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(1);
         QCOMPARE(sim_->softwareSetup().value(4), QString("1"));
-        QCOMPARE(QStringList({cell(rx(), 0, 11), cell(rx(), 0, 12), cell(rx(), 0, 14), cell(rx(), 0, 15)})
-                     .join('|'),
-                 minutes);
+        QCOMPARE(QStringList({cell(0, 11), cell(0, 12), cell(0, 14), cell(0, 15)}).join('|'), minutes);
     }
 
     // Export of the visible rows, or of the selected ones; commas inside cells are not escaped.
@@ -184,29 +173,29 @@ private slots:
                      "Origin,Index,Label,Time,Id,Frequency (Hz),Direction (\xB0),Band,"
                      "Modulation,Level (dBm),Period (s),Latitude GNX (\xB0),Longitude GNX (\xB0),"
                      "Direction GNX (\xB0),Latitude payload (\xB0),Longitude payload (\xB0),Payload"));
-        QCOMPARE(all.size(), rx()->rowCount() + 1);
+        QCOMPARE(all.size(), rx()->allRowCount() + 1);
         QVERIFY2(all.last().contains(",North, buoy,"), qPrintable(all.last()));
         QCOMPARE(all.last().split(',').size(), 18);
 
-        rx()->selectRow(1);
+        ui()->tableViewRx->selectRow(1);
         const QStringList selected = exportTo("selected.csv");
         QCOMPARE(selected.size(), 2);
         QStringList cells;
-        for (int c = 0; c < rx()->columnCount(); ++c)
-            cells << cell(rx(), 1, c);
+        for (int c = 0; c < rx()->COLUMN_COUNT; ++c)
+            cells << cell(1, c);
         QCOMPARE(selected[1], cells.join(','));
 
         // The filter hides what does not match, also a row that arrives while it is set.
         ui()->pushButtonRxClearSelection->click();
-        const QString id = cell(rx(), 1, 4);
+        const QString id = cell(1, 4);
         ui()->lineEditRxIdFilter->setText(id);
-        QVERIFY(rx()->isRowHidden(0) && !rx()->isRowHidden(1));
+        QVERIFY(rx()->isHidden(0) && !rx()->isHidden(1));
         emitFrom(usedSlots_[0], true);
-        QVERIFY(rx()->isRowHidden(0));
+        QVERIFY(rx()->isHidden(0));
         QCOMPARE(exportTo("filtered.csv"), (QStringList{all[0], all[2]}));
         ui()->lineEditRxIdFilter->clear();
-        for (int row = 0; row < rx()->rowCount(); ++row)
-            QVERIFY(!rx()->isRowHidden(row));
+        for (int row = 0; row < rx()->allRowCount(); ++row)
+            QVERIFY(!rx()->isHidden(row));
     }
 
     void readFlash_data()
@@ -226,23 +215,23 @@ private slots:
         QMap<QString, QString> favourites;    // identifier -> index
         for (int slot : usedSlots_) {
             emitFrom(slot, true);
-            livePositions.insert(cell(rx(), 0, 3) + cell(rx(), 0, 4), cell(rx(), 0, 14) + cell(rx(), 0, 15));
-            favourites.insert(cell(rx(), 0, 4), cell(rx(), 0, 1));
+            livePositions.insert(cell(0, 3) + cell(0, 4), cell(0, 14) + cell(0, 15));
+            favourites.insert(cell(0, 4), cell(0, 1));
         }
         ui()->pushButtonRxClearTable->click();
         ui()->pushButtonRxFlashRead->click();
         QVERIFY2(dialogs_->criticals.isEmpty(), qPrintable(dialogs_->criticals.join('|')));
-        QCOMPARE(rx()->rowCount(), sim_->flashRecordCount());
+        QCOMPARE(rx()->allRowCount(), sim_->flashRecordCount());
         int seenLive = 0;
-        for (int row = 0; row < rx()->rowCount(); ++row) {
-            QCOMPARE(cell(rx(), row, 0), QString("Flash"));
+        for (int row = 0; row < rx()->allRowCount(); ++row) {
+            QCOMPARE(cell(row, 0), QString("Flash"));
             if (row > 0)
-                QVERIFY(cell(rx(), row - 1, 3) >= cell(rx(), row, 3));
-            const QString id = cell(rx(), row, 4);
-            QCOMPARE(cell(rx(), row, 1), favourites.value(id));
-            const QString key = cell(rx(), row, 3) + id;
+                QVERIFY(cell(row - 1, 3) >= cell(row, 3));
+            const QString id = cell(row, 4);
+            QCOMPARE(cell(row, 1), favourites.value(id));
+            const QString key = cell(row, 3) + id;
             if (livePositions.contains(key)) {
-                QCOMPARE(cell(rx(), row, 14) + cell(rx(), row, 15), livePositions.value(key));
+                QCOMPARE(cell(row, 14) + cell(row, 15), livePositions.value(key));
                 ++seenLive;
             }
         }
@@ -277,7 +266,7 @@ private slots:
                 FlashDecoder::decodeDump(sim_->flashBytes().left(16384), count);
         } catch (const MRL::Utils::Exception&) {
         }
-        QCOMPARE(rx()->rowCount(), records);
+        QCOMPARE(rx()->allRowCount(), records);
         const QString total = gnx134 ? QString::number(usedSlots_.size()) + " platforms"
                                      : QString::number(sim_->flashBytes().size() + 1) + " bytes";
         QCOMPARE(logs.count(QtInfoMsg,

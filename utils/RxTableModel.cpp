@@ -1,0 +1,340 @@
+#include "utils/RxTableModel.h"
+
+#include "mrl/utils/DateTime.h"
+#include "utils/CoordinateText.h"
+#include "utils/GpsFormat.h"
+
+#include <QDateTime>
+#include <QMetaEnum>
+
+#include <algorithm>
+#include <numeric>
+
+namespace OrviaGonioManager::Utils {
+
+using Com::GnxLink;
+using Com::OrviaRxMessage_t;
+
+namespace {
+
+QDateTime timeOf(const OrviaRxMessage_t& m)
+{
+    return MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime();
+}
+
+QString timeText(const OrviaRxMessage_t& m)
+{
+    return timeOf(m).toString(QStringLiteral("yyyy-MM-ddThh:mm:ss"));
+}
+
+template <typename Enum> QString enumText(int value, const char* prefix)
+{
+    const char* key = QMetaEnum::fromType<Enum>().valueToKey(value);
+    if (!key)
+        return QString::number(value);
+    return QString::fromLatin1(key).remove(QLatin1String(prefix));
+}
+
+// The reports carry no level code: the numeric level is shown. The codes are kept for the day one does.
+QString levelText(int levelCode, qint32 level)
+{
+    switch (levelCode) {
+    case 1:
+        return QStringLiteral("< -135");
+    case 2:
+        return QStringLiteral("> 0");
+    case 3:
+        return QStringLiteral("< -112");
+    case 4:
+        return QStringLiteral("< -115");
+    default:
+        return QStringLiteral("%1").arg(level);
+    }
+}
+
+// The receiver's own position with five decimals, payload positions with six significant digits.
+QString coordinate(double degrees, bool payload, GnxLink::CoordType_t type)
+{
+    return CoordinateText::format(degrees, type, payload ? 'g' : 'f', payload ? 6 : 5);
+}
+
+} // namespace
+
+RxTableModel::RxTableModel(QObject* parent) : QAbstractTableModel(parent) {}
+
+QStringList RxTableModel::headerTexts()
+{
+    return {QStringLiteral("Origin"),
+            QStringLiteral("Index"),
+            QStringLiteral("Label"),
+            QStringLiteral("Time"),
+            QStringLiteral("Id"),
+            QStringLiteral("Frequency (Hz)"),
+            QString::fromUtf8("Direction (°)"),
+            QStringLiteral("Band"),
+            QStringLiteral("Modulation"),
+            QStringLiteral("Level (dBm)"),
+            QStringLiteral("Period (s)"),
+            QString::fromUtf8("Latitude GNX (°)"),
+            QString::fromUtf8("Longitude GNX (°)"),
+            QString::fromUtf8("Direction GNX (°)"),
+            QString::fromUtf8("Latitude payload (°)"),
+            QString::fromUtf8("Longitude payload (°)"),
+            QStringLiteral("Payload")};
+}
+
+RxTableModel::Row RxTableModel::makeRow(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin,
+                                        const Favourite* favourite, GnxLink::GnxVersion_t version,
+                                        int slotCount)
+{
+    Row r;
+    r.message = message;
+    r.flash = origin == GnxLink::RXORIGIN_FLASH;
+    // A GNX134 favourite report also carries the platform's mean direction.
+    r.withAverage =
+        version == GnxLink::GNX_V1 && message.platformIndex >= 0 && message.platformIndex != slotCount;
+    if (!favourite)
+        return r;
+    r.index = favourite->index;
+    r.label = favourite->label;
+    if (favourite->gpsFormat.isEmpty())
+        return r;
+    // Restores the filler byte that 28-bit identifiers put in front of the data.
+    QByteArray payload = message.payload;
+    if (message.platformId.size() == 7)
+        payload.prepend('\0');
+    r.payloadPosition = GpsFormat::instance()->decodePosition(favourite->gpsFormat, payload,
+                                                              r.payloadLatitude, r.payloadLongitude);
+    return r;
+}
+
+QString RxTableModel::cellText(const Row& r, int column, GnxLink::CoordType_t coordType)
+{
+    const OrviaRxMessage_t& m = r.message;
+    const bool gnxPositionValid = m.flagBit0;
+    switch (column) {
+    case COL_ORIGIN:
+        return r.flash ? QStringLiteral("Flash") : QStringLiteral("Live");
+    case COL_INDEX:
+        return r.index;
+    case COL_LABEL:
+        return r.label;
+    case COL_TIME:
+        return timeText(m);
+    case COL_ID:
+        return m.platformId;
+    case COL_FREQUENCY:
+        return QStringLiteral("%1").arg(m.frequency);
+    case COL_DIRECTION:
+        return r.withAverage ? QStringLiteral("%1 (avg %2)").arg(m.direction).arg(m.v1FlashValue)
+                             : QStringLiteral("%1").arg(m.direction);
+    case COL_BAND: // a GNX134 message holds B1
+        return enumText<GnxLink::OrviaBand_t>(m.band, "ORVIABAND_");
+    case COL_LEVEL:
+        return levelText(0, m.level);
+    case COL_PERIOD:
+        return QStringLiteral("%1").arg(m.period);
+    case COL_GNX_LATITUDE:
+        return gnxPositionValid ? coordinate(m.gnxLatitude, false, coordType) : QStringLiteral("Invalid");
+    case COL_GNX_LONGITUDE:
+        return gnxPositionValid ? coordinate(m.gnxLongitude, false, coordType) : QStringLiteral("Invalid");
+    case COL_GNX_DIRECTION:
+        return QStringLiteral("%1").arg(m.gnxDirection);
+    case COL_PAYLOAD_LATITUDE:
+        return r.payloadPosition ? coordinate(r.payloadLatitude, true, coordType) : QString();
+    case COL_PAYLOAD_LONGITUDE:
+        return r.payloadPosition ? coordinate(r.payloadLongitude, true, coordType) : QString();
+    case COL_PAYLOAD:
+        return QString::fromLatin1(m.payload.toHex().toUpper());
+    default:
+        return QString();
+    }
+}
+
+RxTableModel::Row RxTableModel::rowFor(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin,
+                                       GnxLink::GnxVersion_t version, int slotCount) const
+{
+    const auto it = favourites_.constFind(message.platformId);
+    return makeRow(message, origin, it == favourites_.cend() ? nullptr : &*it, version, slotCount);
+}
+
+void RxTableModel::addRows(std::vector<Row> rows)
+{
+    int shown = 0;
+    for (const Row& r : rows)
+        shown += passes(r) ? 1 : 0;
+    if (shown > 0)
+        beginInsertRows({}, 0, shown - 1);
+    rows_.reserve(rows_.size() + rows.size());
+    for (Row& r : rows) {
+        if (passes(r))
+            visible_.push_back(int(rows_.size()));
+        rows_.push_back(std::move(r));
+    }
+    if (shown > 0)
+        endInsertRows();
+}
+
+void RxTableModel::clear()
+{
+    beginResetModel();
+    rows_.clear();
+    rows_.shrink_to_fit();
+    visible_.clear();
+    visible_.shrink_to_fit();
+    endResetModel();
+}
+
+void RxTableModel::setIdFilter(const QString& filter)
+{
+    if (filter == filter_)
+        return;
+    beginResetModel();
+    filter_ = filter;
+    rebuildVisible();
+    endResetModel();
+}
+
+void RxTableModel::setCoordType(GnxLink::CoordType_t type)
+{
+    if (type == coordType_)
+        return;
+    coordType_ = type;
+    if (!visible_.empty())
+        emit dataChanged(index(0, COL_GNX_LATITUDE), index(rowCount() - 1, COL_PAYLOAD_LONGITUDE));
+}
+
+bool RxTableModel::passes(const Row& row) const
+{
+    return filter_.isEmpty() || row.message.platformId.contains(filter_, Qt::CaseSensitive);
+}
+
+void RxTableModel::rebuildVisible()
+{
+    visible_.clear();
+    for (int i = 0; i < int(rows_.size()); ++i)
+        if (passes(rows_[size_t(i)]))
+            visible_.push_back(i);
+}
+
+const RxTableModel::Row& RxTableModel::visibleRow(int modelRow) const
+{
+    return rows_[size_t(visible_[visible_.size() - 1 - size_t(modelRow)])];
+}
+
+QString RxTableModel::cellText(int row, int column) const
+{
+    return cellText(rows_[rows_.size() - 1 - size_t(row)], column, coordType_);
+}
+
+bool RxTableModel::isHidden(int row) const
+{
+    return !passes(rows_[rows_.size() - 1 - size_t(row)]);
+}
+
+QStringList RxTableModel::exportLines(const std::function<bool(int modelRow)>& selected) const
+{
+    QStringList lines{headerTexts().join(QLatin1Char(','))};
+    QStringList cells;
+    for (int row = 0; row < rowCount(); ++row) {
+        if (!selected(row))
+            continue;
+        cells.clear();
+        for (int column = 0; column < COLUMN_COUNT; ++column)
+            cells << cellText(visibleRow(row), column, coordType_);
+        lines << cells.join(QLatin1Char(','));
+    }
+    return lines;
+}
+
+int RxTableModel::rowCount(const QModelIndex& parent) const
+{
+    return parent.isValid() ? 0 : int(visible_.size());
+}
+
+int RxTableModel::columnCount(const QModelIndex& parent) const
+{
+    return parent.isValid() ? 0 : COLUMN_COUNT;
+}
+
+QVariant RxTableModel::data(const QModelIndex& index, int role) const
+{
+    if (role != Qt::DisplayRole || !index.isValid() || index.row() >= rowCount())
+        return {};
+    return cellText(visibleRow(index.row()), index.column(), coordType_);
+}
+
+QVariant RxTableModel::headerData(int section, Qt::Orientation orientation, int role) const
+{
+    if (role != Qt::DisplayRole)
+        return {};
+    if (orientation == Qt::Vertical)
+        return section + 1;
+    return headerTexts().value(section);
+}
+
+void RxTableModel::sort(int column, Qt::SortOrder order)
+{
+    if (column < 0 || column >= COLUMN_COUNT || rows_.size() < 2)
+        return;
+    emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
+    const QModelIndexList before = persistentIndexList();
+    std::vector<int> beforeRows;
+    beforeRows.reserve(size_t(before.size()));
+    for (const QModelIndex& i : before)
+        beforeRows.push_back(visible_[visible_.size() - 1 - size_t(i.row())]);
+
+    // Keys in display order, top first. Times compare as their texts do; whole seconds say the same
+    // from 1970 to 9999, and cost no text.
+    const size_t n = rows_.size();
+    std::vector<qint64> times;
+    std::vector<QString> texts;
+    bool byTime = column == COL_TIME;
+    if (byTime) {
+        times.resize(n);
+        for (size_t d = 0; d < n && byTime; ++d) {
+            const QDateTime t = timeOf(rows_[n - 1 - d].message);
+            const int year = t.date().year();
+            byTime = year >= 1970 && year <= 9999;
+            times[d] = t.toSecsSinceEpoch();
+        }
+    }
+    if (!byTime) {
+        texts.resize(n);
+        for (size_t d = 0; d < n; ++d)
+            texts[d] = cellText(rows_[n - 1 - d], column, coordType_);
+    }
+    std::vector<int> order_(n);
+    std::iota(order_.begin(), order_.end(), 0);
+    const auto less = [&](int a, int b) {
+        return byTime ? times[size_t(a)] < times[size_t(b)] : texts[size_t(a)].compare(texts[size_t(b)]) < 0;
+    };
+    if (order == Qt::AscendingOrder)
+        std::stable_sort(order_.begin(), order_.end(), less);
+    else
+        std::stable_sort(order_.begin(), order_.end(), [&](int a, int b) { return less(b, a); });
+
+    // order_[d] is the display position, before the sort, of the row now at display position d.
+    std::vector<Row> sorted;
+    sorted.reserve(n);
+    std::vector<int> moved(n); // old storage index -> new storage index
+    for (size_t d = n; d-- > 0;) {
+        const size_t old = n - 1 - size_t(order_[d]);
+        moved[old] = int(sorted.size());
+        sorted.push_back(std::move(rows_[old]));
+    }
+    rows_ = std::move(sorted);
+    rebuildVisible();
+
+    std::vector<int> modelRowOf(n, -1); // storage index -> model row
+    for (size_t v = 0; v < visible_.size(); ++v)
+        modelRowOf[size_t(visible_[v])] = int(visible_.size() - 1 - v);
+    QModelIndexList after;
+    after.reserve(before.size());
+    for (int i = 0; i < before.size(); ++i)
+        after << index(modelRowOf[size_t(moved[size_t(beforeRows[size_t(i)])])], before[i].column());
+    changePersistentIndexList(before, after);
+    emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
+}
+
+} // namespace OrviaGonioManager::Utils
