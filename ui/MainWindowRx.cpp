@@ -62,6 +62,8 @@ void MainWindow::setUpRxTable()
     view->setSelectionBehavior(QAbstractItemView::SelectItems);
     // One height for every row: a million rows cost the header nothing.
     view->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    // Columns fit the rows in sight, not a sample of a table that may hold a million.
+    view->horizontalHeader()->setResizeContentsPrecision(0);
     QAbstractItemModel* platforms = ui_->tableWidgetPlatforms->model();
     const auto changed = [this] { favouritesChanged_ = true; };
     connect(platforms, &QAbstractItemModel::rowsInserted, this, changed);

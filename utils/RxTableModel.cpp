@@ -8,6 +8,7 @@
 #include <QMetaEnum>
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 
 namespace OrviaGonioManager::Utils {
@@ -165,12 +166,16 @@ void RxTableModel::addRows(std::vector<Row> rows)
         shown += passes(r) ? 1 : 0;
     if (shown > 0)
         beginInsertRows({}, 0, shown - 1);
-    rows_.reserve(rows_.size() + rows.size());
-    for (Row& r : rows) {
-        if (passes(r))
-            visible_.push_back(int(rows_.size()));
-        rows_.push_back(std::move(r));
+    const size_t first = rows_.size();
+    if (rows_.empty()) {
+        rows_ = std::move(rows); // a first flash read: its batch becomes the table
+    } else {
+        rows_.reserve(rows_.size() + rows.size());
+        std::move(rows.begin(), rows.end(), std::back_inserter(rows_));
     }
+    for (size_t i = first; i < rows_.size(); ++i)
+        if (passes(rows_[i]))
+            visible_.push_back(int(i));
     if (shown > 0)
         endInsertRows();
 }
@@ -286,6 +291,7 @@ void RxTableModel::sort(int column, Qt::SortOrder order)
 
     // Keys in display order, top first. Times compare as their texts do; whole seconds say the same
     // from 1970 to 9999, and cost no text.
+    constexpr qint64 kYear10000Ms = 253402300800000LL;
     const size_t n = rows_.size();
     std::vector<qint64> times;
     std::vector<QString> texts;
@@ -293,10 +299,10 @@ void RxTableModel::sort(int column, Qt::SortOrder order)
     if (byTime) {
         times.resize(n);
         for (size_t d = 0; d < n && byTime; ++d) {
-            const QDateTime t = timeOf(rows_[n - 1 - d].message);
-            const int year = t.date().year();
-            byTime = year >= 1970 && year <= 9999;
-            times[d] = t.toSecsSinceEpoch();
+            const OrviaRxMessage_t& m = rows_[n - 1 - d].message;
+            const qint64 ms = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toMSecsSinceEpoch();
+            byTime = ms >= 0 && ms < kYear10000Ms;
+            times[d] = ms / 1000;
         }
     }
     if (!byTime) {
@@ -314,16 +320,29 @@ void RxTableModel::sort(int column, Qt::SortOrder order)
     else
         std::stable_sort(order_.begin(), order_.end(), [&](int a, int b) { return less(b, a); });
 
-    // order_[d] is the display position, before the sort, of the row now at display position d.
-    std::vector<Row> sorted;
-    sorted.reserve(n);
+    // order_[d] is the display position, before the sort, of the row now at display position d:
+    // the row now at storage index n-1-d comes from storage index n-1-order_[d]. Permuted in place,
+    // cycle by cycle, so that no second copy of the table is made.
+    std::vector<int> from(n);  // new storage index -> old storage index
     std::vector<int> moved(n); // old storage index -> new storage index
-    for (size_t d = n; d-- > 0;) {
-        const size_t old = n - 1 - size_t(order_[d]);
-        moved[old] = int(sorted.size());
-        sorted.push_back(std::move(rows_[old]));
+    for (size_t d = 0; d < n; ++d) {
+        from[n - 1 - d] = int(n - 1 - size_t(order_[d]));
+        moved[size_t(from[n - 1 - d])] = int(n - 1 - d);
     }
-    rows_ = std::move(sorted);
+    for (size_t start = 0; start < n; ++start) {
+        if (from[start] < 0 || size_t(from[start]) == start)
+            continue;
+        Row held = std::move(rows_[start]);
+        size_t at = start;
+        while (size_t(from[at]) != start) {
+            const size_t next = size_t(from[at]);
+            rows_[at] = std::move(rows_[next]);
+            from[at] = -1;
+            at = next;
+        }
+        rows_[at] = std::move(held);
+        from[at] = -1;
+    }
     rebuildVisible();
 
     std::vector<int> modelRowOf(n, -1); // storage index -> model row
