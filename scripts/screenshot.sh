@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Regenerates docs/screenshot.png: the window connected to the emulator, under Xvfb.
+# Regenerates the README's screenshots under Xvfb: the window connected to the emulator, and a
+# flash read at the line rate, part-way.
 set -euo pipefail
 build=${1:-build}
 model=${2:-gnx234}
 top=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$top/docs"
-xvfb-run -a -s "-screen 0 1400x900x24" "$top/$build/bin/ogm_screenshot" "$top/docs/screenshot.png" "$model"
-echo "wrote docs/screenshot.png"
+shoot() { xvfb-run -a -s "-screen 0 1400x900x24" "$top/$build/bin/ogm_screenshot" "$top/docs/$1" "$model" ${2:-}; }
+shoot screenshot.png
+shoot screenshot-flash-read.png flash-read
+echo "wrote docs/screenshot.png and docs/screenshot-flash-read.png"

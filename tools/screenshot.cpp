@@ -1,16 +1,20 @@
-// Takes the README's screenshot: the window connected to an in-process emulator.
-// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index]
+// Takes the README's screenshots: the window connected to an in-process emulator.
+// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index | flash-read]
+// "flash-read" shows a flash read at the receiver's line rate, caught part-way.
 #include "app/Settings.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/ToplevelApplication.h"
 #include "sim/PtySimulator.h"
+#include "ui/JobPanel.h"
 #include "ui/MainWindow.h"
 #include "ui_MainWindow.h"
+#include "utils/JobProgress.h"
 
 #include <QAction>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QPushButton>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -30,6 +34,11 @@ int main(int argc, char** argv)
     options.model = args.value(2) == QLatin1String("gnx134") ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
     options.platforms = 6;
     options.flashRecords = 50;
+    const bool flashRead = args.value(3) == QLatin1String("flash-read");
+    if (flashRead) {
+        options.baud = 115200;
+        options.flashRecords = 3000;
+    }
     gnxsim::PtySimulator sim(options);
     if (!sim.start()) {
         qCritical("cannot start the emulator: %s", qPrintable(sim.errorString()));
@@ -59,13 +68,25 @@ int main(int argc, char** argv)
         return 1;
     }
     action->trigger();
+    int status = 1;
+    if (flashRead) {
+        window.form()->tabWidget->setCurrentIndex(2);
+        QObject::connect(window.jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &app,
+                         [&](qint64 done, qint64 total) {
+                             if (status == 0 || done * 10 < total * 4)
+                                 return;
+                             status = window.grab().save(output) ? 0 : 1;
+                             window.jobPanel()->cancelButton()->click();
+                         });
+        window.form()->pushButtonRxFlashRead->click();
+        return status;
+    }
     const int tab = args.value(3).toInt();
     if (tab > 0) {
         window.form()->tabWidget->setCurrentIndex(tab);
         if (tab == 2) // RX: show what the flash memory holds
             window.form()->pushButtonRxFlashRead->click();
     }
-    int status = 1;
     QTimer::singleShot(500, &app, [&] {
         status = window.grab().save(output) ? 0 : 1;
         app.quit();
