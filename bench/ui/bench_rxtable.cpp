@@ -1,12 +1,15 @@
 // The RX table at scale: a flash read's messages to the sorted table through the window's own
 // path (rows made with the favourite lookup, entered in one batch, sorted in the view), its memory,
-// an ID filter change on a million rows, and a live burst through the link from the emulator.
+// an ID filter change on a million rows; then, through the link from the emulator, a flash read at
+// the line rate with its progress and Cancel, and a live burst.
 #include "bench/BenchSupport.h"
 #include "bench/SyntheticDump.h"
 #include "sim/PtySimulator.h"
+#include "ui/JobPanel.h"
 #include "ui/MainWindow.h"
 #include "ui_MainWindow.h"
 #include "utils/FlashDecoder.h"
+#include "utils/JobProgress.h"
 #include "utils/RxTableModel.h"
 
 #include <QAction>
@@ -15,6 +18,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHeaderView>
+#include <QPushButton>
 #include <QTableView>
 #include <QTimer>
 
@@ -105,6 +109,53 @@ QByteArray nprLine(int n)
     return '$' + payload + '*' + QByteArray::number(sum, 16).toUpper().rightJustified(2, '0') + "\r\n";
 }
 
+// The window, connected to the emulator; false when it would not connect.
+bool connectWindow(gnxsim::PtySimulator& sim, OrviaGonioManager::Ui::MainWindow& window)
+{
+    window.show();
+    QElapsedTimer wait;
+    wait.start();
+    while (!window.portAction(sim.slavePath()) && wait.elapsed() < 10000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    if (QAction* action = window.portAction(sim.slavePath()))
+        action->trigger();
+    return !window.connectedPort().isEmpty();
+}
+
+// A flash read at the receiver's line rate: when its progress shows, and how soon a Cancel
+// pressed part-way ends it (one block of 16 KiB is about 1.6 s at 115200 baud).
+void lineRateFlashRead()
+{
+    gnxsim::Options options;
+    options.baud = 115200;
+    options.flashRecords = 3000;
+    gnxsim::PtySimulator sim(options);
+    if (!sim.start())
+        return;
+    qputenv("GNX_EXTRA_PORTS", sim.slavePath().toLocal8Bit());
+    OrviaGonioManager::Ui::MainWindow window;
+    if (!connectWindow(sim, window)) {
+        std::printf("line-rate flash read: not connected\n");
+        return;
+    }
+    QElapsedTimer clock;
+    qint64 shownMs = -1, cancelMs = -1, endMs = -1;
+    OrviaGonioManager::Utils::JobProgress* job = window.jobProgress();
+    QObject::connect(job, &OrviaGonioManager::Utils::JobProgress::sigStarted,
+                     [&] { shownMs = clock.elapsed(); });
+    QObject::connect(job, &OrviaGonioManager::Utils::JobProgress::sigFinished,
+                     [&] { endMs = clock.elapsed(); });
+    QTimer::singleShot(4000, [&] {
+        cancelMs = clock.elapsed();
+        window.jobPanel()->cancelButton()->click();
+    });
+    clock.start();
+    window.form()->pushButtonRxFlashRead->click();
+    std::printf("flash read at 115200 baud: progress shown after %lld ms; Cancel honoured %lld ms after it"
+                " was pressed\n",
+                qlonglong(shownMs), qlonglong(endMs - cancelMs));
+}
+
 // 1,000 NPR lines a second for 10 s from the emulator, through the link, into the window.
 void liveBurst()
 {
@@ -114,17 +165,11 @@ void liveBurst()
         return;
     qputenv("GNX_EXTRA_PORTS", sim.slavePath().toLocal8Bit());
     OrviaGonioManager::Ui::MainWindow window;
-    window.show();
-    QElapsedTimer wait;
-    wait.start();
-    while (!window.portAction(sim.slavePath()) && wait.elapsed() < 10000)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
-    if (QAction* action = window.portAction(sim.slavePath()))
-        action->trigger();
-    if (window.connectedPort().isEmpty()) {
+    if (!connectWindow(sim, window)) {
         std::printf("live burst: not connected\n");
         return;
     }
+    QElapsedTimer wait;
     RxTableModel* model = window.rxModel();
     const int before = model->allRowCount();
     constexpr int kSeconds = 10, kPerTick = 10, kTickMs = 10;
@@ -171,6 +216,7 @@ int main(int argc, char** argv)
     formats.close();
     for (const int records : {10000, 61428, 100000, 1000000})
         flashRead(records);
+    lineRateFlashRead();
     liveBurst();
     return 0;
 }
