@@ -7,6 +7,7 @@
 #include "utils/GpsFormat.h"
 #include "utils/JobProgress.h"
 
+#include <QKeyEvent>
 #include <QPushButton>
 
 using OrviaGonioManager::Utils::FlashDecoder;
@@ -241,8 +242,8 @@ private slots:
         QCOMPARE(seenLive, expected);
     }
 
-    // Cancelled after its first block (GNX234) or platform (GNX134): the whole records read so far
-    // are shown, the link is ready, and the log says where the read stopped.
+    // Cancelled after its first block (GNX234, by the button) or platform (GNX134, by Escape): the
+    // whole records read so far are shown, the link is ready, and the log says where it stopped.
     void cancelledFlashRead()
     {
         QFETCH(QString, model);
@@ -251,7 +252,10 @@ private slots:
         QObject ctx;
         connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &ctx,
                 [&](qint64 done) {
-                    if (done > 0)
+                    if (done > 0 && gnx134) // Escape, as a key waiting for the job's next checkpoint
+                        QCoreApplication::postEvent(window_.get(),
+                                                    new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
+                    else if (done > 0)
                         window_->jobPanel()->cancelButton()->click();
                 });
         LogCapture logs;
