@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 MODEL ?= gnx234
 
-.PHONY: all deps configure build run test bench fuzz screenshot clean
+.PHONY: all deps configure build run test bench fuzz screenshot package package-check clean
 
 all: build
 
@@ -22,6 +22,12 @@ run: build
 
 test: build
 	@cd $(BUILD) && QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j $(JOBS)
+
+package: build
+	@cd $(BUILD) && cpack >/dev/null && ls orvia-gonio-manager_*.deb
+
+package-check: package
+	@scripts/package-check.sh $(BUILD)
 
 bench: build
 	@scripts/bench.sh $(BUILD)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages needed to build, test, run the emulator and take screenshots.
+# Installs the Debian packages needed to build, test, run the emulator, take screenshots and
+# build and check the Debian package.
 # Runs apt only when something is missing; safe to run any number of times.
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
     qt6-base-dev qt6-serialport-dev libgl-dev
     clang libclang-rt-14-dev
     xvfb xauth imagemagick
+    dpkg-dev fakeroot lintian desktop-file-utils appstream
 )
 
 missing=()

@@ -148,7 +148,11 @@ int main(int argc, char** argv)
     // Control input. End of input quits only when it comes from a terminal (Ctrl-D); from a pipe or
     // a file it just ends the control input, and the emulator runs until it is signalled.
     const bool interactive = isatty(STDIN_FILENO);
+    // Started in the background of a shell ("gnxsim --link /tmp/gnx0 &"), the terminal is not ours
+    // to read: reading it would stop the emulator. It then runs without control input.
     auto* input = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, &app);
+    if (interactive && tcgetpgrp(STDIN_FILENO) != getpgrp())
+        input->setEnabled(false);
     QByteArray pending;
     QObject::connect(input, &QSocketNotifier::activated, &app, [&, input] {
         char buffer[1024];

@@ -53,6 +53,7 @@ MainWindow::MainWindow(QWidget* parent)
         this, QStringLiteral(":/Icons/VTL"), QStringLiteral(":/Icons/VTL_GREY"),
         QStringLiteral("%1T%2").arg(QStringLiteral(OGM_BUILD_DATE), QStringLiteral(OGM_BUILD_TIME)));
     help->setupUiToolbar();
+    setUpReconnect();
 
     configureLogger(ui_->tableWidgetLogger);
     ui_->tableWidgetLogger->setMaximumNumberOfRows(1000);

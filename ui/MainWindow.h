@@ -6,6 +6,7 @@
 #include "utils/GpsFormat.h"
 #include "utils/RxTableModel.h"
 
+#include <QElapsedTimer>
 #include <QMap>
 #include <QPointer>
 #include <memory>
@@ -44,6 +45,7 @@ public:
     Com::GnxLink* gnxLink() const { return gnxLink_; }
     Com::ComManager* comManager() const { return comManager_; }
     QAction* portAction(const QString& portName) const { return portActions_.value(portName); }
+    QAction* reconnectAction() const { return reconnectAction_; }
     QStringList portNames() const { return portActions_.keys(); }
     QString connectedPort() const { return connectedPort_; }
     QString sessionLogPath() const { return sessionLog_.filePath(); }
@@ -123,6 +125,12 @@ private:
     void setTerminalEnabled(bool enabled);
     void showGenerationWidgets(bool gnx134);
     void showBootloaderMode(bool bootloader);
+
+    // Reconnecting to the same receiver (MainWindowReconnect.cpp).
+    void setUpReconnect();
+    static QString portIdentity(const QString& portName);
+    void rememberLostReceiver();
+    void reconnectIfLost(const QString& portName);
     QString portLabel(const QString& portName) const;
     QString logIdentity() const;
 
@@ -171,6 +179,10 @@ private:
     QList<QMetaObject::Connection> widgetConnections_;
     QProgressBar* progressBar_ = nullptr;
     Utils::JobProgress* job_ = nullptr;
+    QAction* reconnectAction_ = nullptr;
+    QString connectedIdentity_; // of the connected receiver
+    QString lostIdentity_;      // of the receiver that was pulled out, while it may come back
+    QElapsedTimer lostClock_;
     class JobPanel* jobPanel_ = nullptr;
 };
 

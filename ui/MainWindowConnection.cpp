@@ -50,14 +50,17 @@ void MainWindow::slotGnxDetected(QString portName)
             button->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
         connect(action, &QAction::triggered, this,
                 [this, portName](bool checked) { guard([&] { connectToggled(portName, checked); }); });
+        reconnectIfLost(portName);
     });
 }
 
 void MainWindow::slotGnxRemoved(QString portName)
 {
     guard([&] {
-        if (!connectedPort_.isEmpty() && portName == connectedPort_)
+        if (!connectedPort_.isEmpty() && portName == connectedPort_) {
+            rememberLostReceiver();
             gnxDisconnected(portName, QStringLiteral("GNX disconnected"), false);
+        }
         if (QAction* action = portActions_.take(portName)) {
             ui_->mainToolBar_->removeAction(action);
             action->deleteLater();
@@ -95,6 +98,7 @@ void MainWindow::gnxConnected(const QString& portName)
     qInfo().noquote() << "Loading configuration...";
     gnxLink_->openConnection(portName);
     connectedPort_ = portName;
+    connectedIdentity_ = portIdentity(portName);
 
     ui_->tabWidget->setEnabled(true);
     setTerminalEnabled(true);
@@ -172,6 +176,7 @@ void MainWindow::setUnconnectedState()
 {
     disconnectWidgets();
     connectedPort_.clear();
+    connectedIdentity_.clear();
     connectedVersion_ = GnxLink::GNX_UNDEFINEDVERSION;
     deviceInfo_ = GnxLink::GnxDeviceInfo();
     ui_->lineEditVersionsStatus->setText(QStringLiteral("Not connected"));

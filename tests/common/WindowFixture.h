@@ -61,6 +61,8 @@ protected:
     bool setUpWorkDir()
     {
         const QDir dir(workDir_.path());
+        // The user's own preferences (QSettings) stay in the work directory too.
+        qputenv("XDG_CONFIG_HOME", workDir_.filePath("config").toLocal8Bit());
         if (!dir.mkpath("run") || !dir.mkpath("Data") || writeFile("Data/format.vtl", "0\n").isEmpty() ||
             !QDir::setCurrent(workDir_.filePath("run")))
             return false;

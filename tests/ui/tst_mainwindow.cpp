@@ -9,6 +9,7 @@
 #include <QComboBox>
 #include <QDateTimeEdit>
 #include <QLineEdit>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QSlider>
 #include <QSpinBox>
@@ -338,6 +339,30 @@ private slots:
                                           : "Error on " + port + " (" + badChecksum +
                                                 "). Please restart connection."));
         QCOMPARE(window_->portAction(port) != nullptr, !unplug);
+    }
+
+    // With "Reconnect automatically" on, the receiver pulled out and plugged back is connected again.
+    void reconnectsToTheSameReceiver()
+    {
+        gnxsim::Options options = simOptions("gnx234", 2);
+        options.linkPath = workDir_.filePath("gnx-replug");
+        const QString port = options.linkPath;
+        QVERIFY(startSim(sim_, options));
+        QVERIFY(showWindow({port}));
+        QVERIFY(!window_->reconnectAction()->isChecked()); // off by default
+        window_->reconnectAction()->setChecked(true);
+        QVERIFY(connectTo(port));
+
+        LogCapture logs;
+        sim_->unplug();
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->portAction(port), 10000);
+        sim_->replug();
+        QTRY_COMPARE_WITH_TIMEOUT(window_->connectedPort(), port, 10000);
+        QCOMPARE(logs.count(QtInfoMsg, "Reconnected to " + port), 1);
+        // Remembered for the next start, outside the program's settings file.
+        QCOMPARE(QSettings(QSettings::NativeFormat, QSettings::UserScope, "Orvia", "OrviaGonioManager")
+                     .value("reconnectAutomatically"),
+                 QVariant(true));
     }
 
     void firmwareUpdate()
