@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 MODEL ?= gnx234
 
-.PHONY: all deps configure build run test bench fuzz screenshot package package-check clean
+.PHONY: all deps configure build run test test-asan bench fuzz fuzz-long screenshot package package-check clean
 
 all: build
 
@@ -29,14 +29,28 @@ package: build
 package-check: package
 	@scripts/package-check.sh $(BUILD)
 
+# The suite under AddressSanitizer and UndefinedBehaviorSanitizer, leaks included, in its own tree.
+test-asan: deps
+	@cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=Debug -DOGM_SANITIZE=ON -DOGM_WITH_BENCH=OFF >/dev/null
+	@cmake --build $(BUILD)-asan -j $(JOBS)
+	@cd $(BUILD)-asan && QT_QPA_PLATFORM=offscreen \
+		ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+		LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/sanitizers.supp:print_suppressions=0 \
+		UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+		ctest --output-on-failure -j $(JOBS) --timeout 600
+
 bench: build
 	@scripts/bench.sh $(BUILD)
 
 fuzz: deps
 	@scripts/fuzz.sh
 
+# Each fuzz target for a million executions (not in CI: it takes about an hour).
+fuzz-long: deps
+	@FUZZ_RUNS=1000000 scripts/fuzz.sh
+
 screenshot: build
 	@scripts/screenshot.sh $(BUILD) $(MODEL)
 
 clean:
-	@rm -rf $(BUILD) fuzz-build
+	@rm -rf $(BUILD) $(BUILD)-asan fuzz-build

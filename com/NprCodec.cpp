@@ -6,6 +6,8 @@
 
 #include <QDateTime>
 
+#include <cmath>
+
 namespace OrviaGonioManager::Com::NprCodec {
 
 namespace {
@@ -60,9 +62,17 @@ QByteArray readPayload(FieldReader& in, const OrviaRxMessage_t& message)
     return payload;
 }
 
+// A field of a bad line may hold any number ("1e25", "nan"): what no 64-bit integer can hold is
+// written as the whole number it is, or 0 when it is none.
 QString angle(double degrees)
 {
-    return QString::number(qRound64(degrees * kAngleUnitsPerDegree));
+    constexpr double kInt64Limit = 9.2e18;
+    const double units = degrees * kAngleUnitsPerDegree;
+    if (!std::isfinite(units))
+        return QStringLiteral("0");
+    if (std::fabs(units) >= kInt64Limit)
+        return QString::number(units, 'f', 0);
+    return QString::number(qRound64(units));
 }
 
 } // namespace

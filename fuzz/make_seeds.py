@@ -69,3 +69,35 @@ write("fuzz_flash_dump", "two", v2() + v2(a=2, bits=511, ident=0xABCDEF0, k=2, l
 write("fuzz_flash_dump", "no_end_mark", v2())
 write("fuzz_flash_dump", "bad_header", v2() + b"\x7f")
 write("fuzz_flash_dump", "erased", b"\xff" * 64)
+
+# Device lines: replies, reports, a bad checksum, the GNX134 short NPR checksum, noise.
+def frame(payload):
+    cs = 0
+    for c in (payload + "*").encode("latin-1"):
+        cs ^= c
+    return "$%s*%02X" % (payload, cs)
+
+npr234 = "26,11,22,3,4,5,ABCDE,401650000,6,10,-120,60000,120000,7,2,2,56,115265C0E4E1C0"
+nprf134 = "26,11,22,3,4,5,ABCDE,401650000,6,10,250,-120,60,60000,120000,7,52,65C0E4"
+write("fuzz_device_lines", "replies", "\r\n".join([frame("GSN,12-345"), frame("TEST,GNX234,99,429,B,APP,2.11,3.4.0,5.2"),
+                                                    frame("ACK,0"), "$GSN,12-345*41", "$IP,9,*0a", "\x00$garbage"]) + "\r\n")
+write("fuzz_device_lines", "reports", frame("NPR," + npr234) + "\r\n" + frame("NPRF," + nprf134) + "\r\n")
+
+# NPR/NPRF fields after the mnemonic, both generations.
+write("fuzz_reports", "npr_gnx234", npr234)
+write("fuzz_reports", "nprf_gnx134", nprf134)
+write("fuzz_reports", "wrong_count", "1,2,3")
+
+# Platform slot replies (CMD_IP): a free slot and used ones of both generations.
+write("fuzz_platform_reply", "free_gnx134", "3" + "," * 35)
+write("fuzz_platform_reply", "used_gnx234",
+      "5,1,1,ABCDEF0,Buoy,1,FMT,,,Desc,64,0,1,1,24,1,1,0,1,0,25,1,26,23,2,3,4,5,1,60,2,1,1,401650000,1,1021,10,16,26")
+write("fuzz_platform_reply", "used_gnx134",
+      "2,1,1,ABCDE,Float,1,FMT,,,Desc,64,0,1,1,24,1,1,0,1,0,25,1,26,23,2,3,4,5,1,60,5,1,1021,10,16,26")
+
+# Settings files: complete, partial, not an INI file.
+write("fuzz_settings", "complete", "[General]\nprintUartDebugInfo=false\nprintAtCmdDebugInfo=true\n"
+      "gnxCommandTimeoutMs=60000\nkeepAliveTimeoutMs=500\nkeepAlivePeriodMs=1000\n"
+      "keepChecksumErrorOnNprGnx134=false\nnprMessagesFormat=0\n")
+write("fuzz_settings", "partial", "[General]\ngnxCommandTimeoutMs=abc\n")
+write("fuzz_settings", "binary", "\x00\xff[\n=\n")

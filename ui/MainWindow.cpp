@@ -90,6 +90,8 @@ MainWindow::MainWindow(QWidget* parent)
 
 MainWindow::~MainWindow()
 {
+    // The tables outlive this part of the window while the base class deletes them.
+    disconnect(ui_->tableWidgetPlatforms->model(), nullptr, this, nullptr);
     sessionLog_.close();
     if (gnxLink_)
         gnxLink_->closeConnection();
