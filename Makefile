@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 MODEL ?= gnx234
 
-.PHONY: all deps configure build run test test-asan bench fuzz fuzz-long screenshot package package-check clean
+.PHONY: all deps configure build run test test-asan bench fuzz fuzz-long soak screenshot package package-check clean
 
 all: build
 
@@ -48,6 +48,11 @@ fuzz: deps
 # Each fuzz target for a million executions (not in CI: it takes about an hour).
 fuzz-long: deps
 	@FUZZ_RUNS=1000000 scripts/fuzz.sh
+
+# The core against the emulator, a live report every 10 ms, for SOAK_MIN minutes (not in CI).
+SOAK_MIN ?= 10
+soak: build
+	@$(BUILD)/bin/ogm_soak $(SOAK_MIN)
 
 screenshot: build
 	@scripts/screenshot.sh $(BUILD) $(MODEL)

@@ -437,7 +437,8 @@ void Device::liveTick()
     for (const auto& s : m_slots)
         anyUsed = anyUsed || !s.isEmpty();
     const bool favourite = anyUsed && m_rng.bounded(10) < 7;
-    emitNpr(-1, favourite);
+    if (emitNpr(-1, favourite))
+        ++m_liveReports;
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -72,6 +72,7 @@ public:
     QByteArray flashBytes() const;                  // GNX234: the records; GNX134: all platforms' dumps
     QByteArray platformFlashBytes(int index) const; // GNX134: one platform's dump
     int flashRecordCount() const;
+    qint64 liveReportsSent() const { return m_liveReports; } // by the live timer
     QByteArray readFlash(qint64 start, qint64 length) const; // the physical memory, erased bytes included
     qint64 flashCapacity() const;
 
@@ -163,6 +164,7 @@ private:
     double m_lat = 0, m_lon = 0, m_heading = 0, m_temperature = 28, m_millivolts = 12300;
     Upload m_upload;
     quint64 m_revision = 0;
+    qint64 m_liveReports = 0;
 };
 
 } // namespace gnxsim

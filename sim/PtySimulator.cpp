@@ -277,6 +277,11 @@ QByteArray PtySimulator::platformFlashBytes(int index) const
     return d->withDevice([&](Device& dev) { return dev.platformFlashBytes(index); });
 }
 
+qint64 PtySimulator::liveReportsSent() const
+{
+    return d->withDevice([](Device& dev) { return dev.liveReportsSent(); });
+}
+
 int PtySimulator::flashRecordCount() const
 {
     return d->withDevice([](Device& dev) { return dev.flashRecordCount(); });

@@ -62,6 +62,7 @@ public:
     QByteArray flashBytes() const; // GNX234: the records; GNX134: every platform's dump in slot order
     QByteArray platformFlashBytes(int index) const; // GNX134
     int flashRecordCount() const;
+    qint64 liveReportsSent() const;
 
     bool saveState(QString* error = nullptr) const; // to Options::statePath
 
