@@ -187,4 +187,43 @@ Slot parseReply(const QStringList& values, GnxLink::GnxVersion_t version)
     return slot;
 }
 
+QStringList csvFields(const GnxLink::PlatformInfo& p, const QString& gpsFormatName,
+                      GnxLink::GnxVersion_t version)
+{
+    QStringList fields{p.id, p.label, gpsFormatName, QString::number(p.repetitionPeriod)};
+    if (version == GnxLink::GNX_V1)
+        fields << QString::number(p.meanDirectionValues);
+    else
+        fields << QString::number(p.band) << QString::number(p.modulation) << QString::number(p.frequencyMode)
+               << QString::number(quint32(p.narrowFrequency));
+    return fields;
+}
+
+GnxLink::PlatformInfo fromCsvFields(const QStringList& fields, GnxLink::GnxVersion_t version,
+                                    const QString& fileName)
+{
+    GnxLink::PlatformInfo p;
+    p.id = fields.value(0);
+    p.label = fields.value(1);
+    const QString format = fields.value(2);
+    if (!format.isEmpty()) {
+        p.gpsFormat = Utils::GpsFormat::instance()->getGpsFormat(format);
+        if (!p.gpsFormat)
+            throw MRL::Utils::Exception(
+                QStringLiteral("Unable to read platform %1 from file %2, unknown GPS Format name %3.")
+                    .arg(p.id, fileName, format),
+                2);
+    }
+    p.repetitionPeriod = fields.value(3).toInt();
+    if (version == GnxLink::GNX_V1) {
+        p.meanDirectionValues = fields.value(4).toInt();
+    } else {
+        p.band = fields.value(4).toInt();
+        p.modulation = fields.value(5).toInt();
+        p.frequencyMode = fields.value(6).toInt();
+        p.narrowFrequency = qint32(fields.value(7).toUInt());
+    }
+    return p;
+}
+
 } // namespace OrviaGonioManager::Com::PlatformCodec

@@ -41,6 +41,15 @@ struct Slot
 // The device's answer to a read (parameterCount() fields). Unparsable numbers give 0.
 Slot parseReply(const QStringList& values, GnxLink::GnxVersion_t version);
 
+// One line of a platforms file (the window's CSV export): identifier, label, GPS format name, then
+// the generation's numeric columns. csvFields() writes it; fromCsvFields() reads the fields of one,
+// their count already checked, and throws "Unable to read platform %1 from file %2, unknown GPS
+// Format name %3." for a format the program does not know.
+QStringList csvFields(const GnxLink::PlatformInfo& platform, const QString& gpsFormatName,
+                      GnxLink::GnxVersion_t version);
+GnxLink::PlatformInfo fromCsvFields(const QStringList& fields, GnxLink::GnxVersion_t version,
+                                    const QString& fileName);
+
 } // namespace PlatformCodec
 
 } // namespace OrviaGonioManager::Com

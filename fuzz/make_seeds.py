@@ -101,3 +101,14 @@ write("fuzz_settings", "complete", "[General]\nprintUartDebugInfo=false\nprintAt
       "keepChecksumErrorOnNprGnx134=false\nnprMessagesFormat=0\n")
 write("fuzz_settings", "partial", "[General]\ngnxCommandTimeoutMs=abc\n")
 write("fuzz_settings", "binary", "\x00\xff[\n=\n")
+
+# Firmware files: a good one, another generation, no version line.
+write("fuzz_firmware_file", "good", "VANTOR GONIO_V2 FIRMWARE VERSION : 4.0.1\r:10000000AABB\r:00000001FF\r")
+write("fuzz_firmware_file", "other_generation", "VANTOR GONIO_V1 FIRMWARE VERSION : 1.0  \rV00")
+write("fuzz_firmware_file", "bad_first_line", "HELLO\rV00")
+
+# Platform files as the export writes them, both generations, and a line of spaces.
+write("fuzz_platforms_csv", "gnx234", "#,Orvia ID,Label,GPS Format Name,Repetition period,Orvia Band,Modulation,"
+      "Frequency Mode,Narrow Mode Frequency\nABCDE,Buoy,,60,3,1,0,401650000\nABCDEF0,North, buoy,,90,2,0,1,0\n")
+write("fuzz_platforms_csv", "gnx134", "#,Orvia ID,Label,GPS Format Name,Repetition period,Mean Direction Values\n"
+      "12345,Float,,60,5\n  \n")

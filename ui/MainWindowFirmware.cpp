@@ -4,11 +4,11 @@
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
+#include "utils/FirmwareFile.h"
 
 #include <QFile>
 #include <QFileInfo>
 #include <QProgressBar>
-#include <QRegularExpression>
 
 namespace OrviaGonioManager::Ui {
 
@@ -36,31 +36,16 @@ void MainWindow::slotUpdateFirmware()
         QFile file(fileName);
         if (!file.open(QIODevice::ReadOnly))
             throw Exception(QStringLiteral("Unable to open GNX firmware file %1").arg(fileName), 2);
-        QList<QByteArray> lines = file.readAll().split('\r');
-        if (lines.size() < 2)
-            throw Exception(
-                QStringLiteral("Unable to read GNX firmware file %1: not enought data").arg(fileName), 2);
-
-        static const QRegularExpression firstLine(QStringLiteral(
-            "^VANTOR GONIO_V(?<gonioVersion>[0-9]+) FIRMWARE VERSION : (?<firmwareVersion>.+)$"));
-        const auto match = firstLine.match(QString::fromUtf8(lines.first()).trimmed());
-        if (!match.hasMatch())
-            throw Exception(QStringLiteral("Unable to decode first line of file %1.").arg(fileName), 2);
-        const QString gonioVersion = match.captured(QStringLiteral("gonioVersion"));
-        if (gonioVersion.toUInt() != uint(gnxLink_->version()))
-            throw Exception(QStringLiteral("Incompatible GNX version (%1 vs %2).")
-                                .arg(gonioVersion)
-                                .arg(int(gnxLink_->version())),
-                            2);
+        const Utils::FirmwareFile firmware =
+            Utils::FirmwareFile::parse(file.readAll(), fileName, int(gnxLink_->version()));
 
         if (!MRL::Ui::Dialogs::confirm(
                 this, QStringLiteral("Update firmware?"),
                 QStringLiteral(
                     "Are you sure you want to update firmware to %1? This will delete ALL your data.")
-                    .arg(match.captured(QStringLiteral("firmwareVersion")))))
+                    .arg(firmware.version)))
             return;
-        lines.removeFirst();
-        uploadWithProgress(lines);
+        uploadWithProgress(firmware.records);
         gnxDisconnected(gnxLink_->portName(), QStringLiteral("Please reconnect to GNX"), false);
     });
 }

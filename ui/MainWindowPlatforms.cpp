@@ -1,6 +1,7 @@
 // Main window, "Favorite platforms" tab: the receiver's favourite platforms and the GPS formats.
 #include "ui/MainWindow.h"
 
+#include "com/PlatformCodec.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui/FavoritesTab.h"
@@ -130,41 +131,9 @@ void loadPlatforms(GnxLink& link, QTableWidget* table, Utils::JobProgress& job)
 // The format column is the name the row shows, even for a format deleted since.
 QString csvLine(const QTableWidget* table, int row, GnxLink::GnxVersion_t version)
 {
-    const GnxLink::PlatformInfo p = rowPlatform(table, row);
-    QStringList fields{p.id, p.label, table->item(row, COLUMN_GPSFORMAT)->text(),
-                       QString::number(p.repetitionPeriod)};
-    if (version == GnxLink::GNX_V1)
-        fields << QString::number(p.meanDirectionValues);
-    else
-        fields << QString::number(p.band) << QString::number(p.modulation) << QString::number(p.frequencyMode)
-               << QString::number(quint32(p.narrowFrequency));
-    return fields.join(QLatin1Char(','));
-}
-
-GnxLink::PlatformInfo csvPlatform(const QStringList& fields, GnxLink::GnxVersion_t version,
-                                  const QString& fileName)
-{
-    GnxLink::PlatformInfo p;
-    p.id = fields[0];
-    p.label = fields[1];
-    if (!fields[2].isEmpty()) {
-        p.gpsFormat = GpsFormat::instance()->getGpsFormat(fields[2]);
-        if (!p.gpsFormat)
-            throw MRL::Utils::Exception(
-                QStringLiteral("Unable to read platform %1 from file %2, unknown GPS Format name %3.")
-                    .arg(p.id, fileName, fields[2]),
-                2);
-    }
-    p.repetitionPeriod = fields[3].toInt();
-    if (version == GnxLink::GNX_V1) {
-        p.meanDirectionValues = fields[4].toInt();
-    } else {
-        p.band = fields[4].toInt();
-        p.modulation = fields[5].toInt();
-        p.frequencyMode = fields[6].toInt();
-        p.narrowFrequency = qint32(fields[7].toUInt());
-    }
-    return p;
+    return Com::PlatformCodec::csvFields(rowPlatform(table, row), table->item(row, COLUMN_GPSFORMAT)->text(),
+                                         version)
+        .join(QLatin1Char(','));
 }
 
 void showPlatform(::Ui::MainWindow* ui, const GnxLink::PlatformInfo& p, const QString& gpsFormatName)
@@ -275,7 +244,7 @@ void MainWindow::slotImportPlatformsInfo()
                             .arg(fileName)
                             .arg(columns),
                         2);
-                GnxLink::PlatformInfo p = csvPlatform(fields, version, fileName);
+                GnxLink::PlatformInfo p = Com::PlatformCodec::fromCsvFields(fields, version, fileName);
                 p.index = taken;
                 gnxLink_->setPlatformInfo(p, false);
                 if (!job_->advance(++taken))
