@@ -156,11 +156,13 @@ QString ControlConsole::execute(const QString& line, bool* quit)
     }
     if (command == QLatin1String("status")) {
         const Options o = m_sim.options();
-        return QStringLiteral("model %1, mode %2, slave %3, application %4, clock %5, flash records %6")
+        return QStringLiteral(
+                   "model %1, mode %2, slave %3, application %4, clock %5, flash records %6, live reports %7")
             .arg(o.model == Model::Gnx134 ? "gnx134" : "gnx234", m_sim.mode() == Mode::App ? "app" : "bl",
                  m_sim.isPlugged() ? m_sim.slavePath() : QStringLiteral("(unplugged)"),
                  m_sim.applicationVersion(), m_sim.clock().toString(Qt::ISODate))
-            .arg(m_sim.flashRecordCount());
+            .arg(m_sim.flashRecordCount())
+            .arg(m_sim.liveReportsSent());
     }
     return error(QStringLiteral("unknown command \"%1\" (try help)").arg(text));
 }

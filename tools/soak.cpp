@@ -1,14 +1,18 @@
 // A long run of the core against the emulator: a live report every 10 ms and the keep-alive on.
 // Samples RSS and CPU every 10 s, then prints the growth after the first minute and the reports
-// received against those sent. Usage: ogm_soak [minutes] (default 10).
+// received against those sent. The emulator runs as its own process, so that what is measured is
+// the program's alone (the emulator's flash memory fills with the reports). Usage: ogm_soak
+// [minutes] (default 10).
 #include "app/Settings.h"
 #include "com/GnxLink.h"
-#include "sim/PtySimulator.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -49,14 +53,28 @@ int main(int argc, char** argv)
     auto& settings = OrviaGonioManager::Utils::Settings::instance();
     settings.printAtCmdDebugInfo = false; // the keep-alive stays on, at its default period
 
-    gnxsim::Options options;
-    options.platforms = 6;
-    options.liveIntervalMs = 10;
-    gnxsim::PtySimulator sim(options);
-    if (!sim.start()) {
-        std::fprintf(stderr, "soak: cannot start the emulator: %s\n", qPrintable(sim.errorString()));
+    const QString linkPath = work.filePath(QStringLiteral("gnx0"));
+    QProcess sim;
+    sim.start(QCoreApplication::applicationDirPath() + QStringLiteral("/gnxsim"),
+              {QStringLiteral("--link"), linkPath, QStringLiteral("--platforms"), QStringLiteral("6"),
+               QStringLiteral("--live-interval"), QStringLiteral("10")});
+    if (!sim.waitForReadyRead(10000) || !QFileInfo::exists(linkPath)) {
+        std::fprintf(stderr, "soak: the emulator did not start: %s\n", qPrintable(sim.errorString()));
         return 1;
     }
+    sim.readAll();
+    // What the emulator says of itself; "status" carries the live reports it sent.
+    const auto liveReportsSent = [&] {
+        sim.write("status\n");
+        static const QRegularExpression sent(QStringLiteral("live reports (\\d+)"));
+        QElapsedTimer wait;
+        wait.start();
+        QByteArray answer;
+        while (!sent.match(QString::fromLatin1(answer)).hasMatch() && wait.elapsed() < 5000)
+            if (sim.waitForReadyRead(500))
+                answer += sim.readAll();
+        return sent.match(QString::fromLatin1(answer)).captured(1).toLongLong();
+    };
     GnxLink link;
     qint64 received = 0;
     QObject::connect(&link, &GnxLink::sigOrviaMessageReceived, [&] { ++received; });
@@ -66,9 +84,9 @@ int main(int argc, char** argv)
         lost = true;
         app.quit();
     });
-    link.openConnection(sim.slavePath());
+    link.openConnection(linkPath);
     link.readDeviceInfo();
-    const qint64 sentBefore = sim.liveReportsSent();
+    const qint64 sentBefore = liveReportsSent();
     received = 0;
 
     QElapsedTimer clock;
@@ -92,8 +110,8 @@ int main(int argc, char** argv)
     sampler.start(10000);
     app.exec();
 
-    sim.setLiveInterval(0);
-    const qint64 sent = sim.liveReportsSent() - sentBefore;
+    sim.write("live 0\n");
+    const qint64 sent = liveReportsSent() - sentBefore;
     QElapsedTimer drain;
     drain.start();
     while (received < sent && drain.elapsed() < 5000)
@@ -103,5 +121,7 @@ int main(int argc, char** argv)
                 rssAtOneMinute > 0 ? 100.0 * (rss - rssAtOneMinute) / rssAtOneMinute : 0.0, rssAtOneMinute,
                 rss);
     std::printf("reports received: %lld of %lld sent\n", qlonglong(received), qlonglong(sent));
+    sim.terminate();
+    sim.waitForFinished(5000);
     return lost || received < sent ? 1 : 0;
 }
