@@ -105,6 +105,53 @@ DecodedLine decodeLine(const QString& line)
     return decoded;
 }
 
+ManualCommand parseManualCommand(const QString& typed)
+{
+    ManualCommand c;
+    c.line = typed;
+    bool parseable = true;
+    if (typed.isEmpty()) {
+        c.warnings << QStringLiteral("Empty command");
+        parseable = false;
+    }
+    static const QRegularExpression pattern(
+        QStringLiteral("^(?<dollar>[\\$])?(?<payload>[^\\$\\*]+)(?<checksum>\\*[0-9A-F][0-9A-F]?)?$"));
+    const QRegularExpressionMatch match = pattern.match(typed);
+    QString working = typed;
+    if (match.capturedStart(u"dollar") >= 0)
+        working.remove(0, 1);
+    const QString payload = match.captured(u"payload");
+    if (payload.isEmpty()) {
+        c.warnings << QStringLiteral("Command with an empty payload.");
+        parseable = false;
+    }
+
+    const quint8 expected = checksum(payload + QLatin1Char('*'));
+    if (match.capturedStart(u"checksum") >= 0) {
+        const uint given = match.captured(u"checksum").mid(1).toUInt(nullptr, 16);
+        if (given != expected) {
+            c.warnings
+                << QStringLiteral("Wrong checksum provided (should be %1)").arg(checksumText(expected));
+            return c;
+        }
+    } else if (parseable) {
+        c.line = QLatin1Char('$') + working + QLatin1Char('*') + checksumText(expected);
+    }
+    if (!parseable)
+        return c;
+    const QStringList fields = payload.split(QLatin1Char(','));
+    const QByteArray key = "CMD_" + fields.first().toLatin1();
+    bool known = false;
+    const int value = QMetaEnum::fromType<GnxLink::GnxCmd_t>().keyToValue(key.constData(), &known);
+    // The keep-alive is the link's own business.
+    if (known && value != GnxLink::CMD_KEEPALIVE_INTERNAL) {
+        c.request = true;
+        c.cmd = GnxLink::GnxCmd_t(value);
+        c.params = fields.mid(1);
+    }
+    return c;
+}
+
 QString undecodableWarning(const QString& line)
 {
     return QStringLiteral("Unable to decode GNX message \"%1\".").arg(line);

@@ -49,6 +49,20 @@ struct DecodedLine
 
 DecodedLine decodeLine(const QString& line);
 
+// A command typed by the user (or read from a script), as the request engine takes it.
+struct ManualCommand
+{
+    QStringList warnings; // logged in this order
+    // A command of the engine: sent as a request and its reply awaited.
+    bool request = false;
+    GnxLink::GnxCmd_t cmd = GnxLink::CMD_TEST;
+    QStringList params;
+    // Otherwise the line handed to the link: completed with "$" and its checksum when none was
+    // typed, or the typed text unchanged (a wrong checksum goes out as typed, deliberately).
+    QString line;
+};
+ManualCommand parseManualCommand(const QString& typed);
+
 // User texts of the decoding failures and of the second-check warning.
 QString undecodableWarning(const QString& line);
 QString badChecksumError(const QString& line, const DecodedLine& decoded);

@@ -7,8 +7,6 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QMetaEnum>
-#include <QRegularExpression>
 #include <QSerialPortInfo>
 #include <QThread>
 
@@ -296,53 +294,13 @@ void GnxLink::slotTimeout()
 void GnxLink::sendManualCommand(const QString& userCmd)
 {
     waitForLink();
-
-    bool parseable = true;
-    if (userCmd.isEmpty()) {
-        qWarning().noquote() << QStringLiteral("Empty command");
-        parseable = false;
-    }
-
-    static const QRegularExpression pattern(
-        QStringLiteral("^(?<dollar>[\\$])?(?<payload>[^\\$\\*]+)(?<checksum>\\*[0-9A-F][0-9A-F]?)?$"));
-    const QRegularExpressionMatch match = pattern.match(userCmd);
-    QString working = userCmd;
-    if (match.capturedStart(u"dollar") >= 0)
-        working.remove(0, 1);
-
-    const QString payload = match.captured(u"payload");
-    if (payload.isEmpty()) {
-        qWarning().noquote() << QStringLiteral("Command with an empty payload.");
-        parseable = false;
-    }
-
-    QString line = userCmd;
-    const quint8 expected = GnxFrame::checksum(payload + QLatin1Char('*'));
-    if (match.capturedStart(u"checksum") >= 0) {
-        // Sent as typed, wrong checksum included, so that the device's handling can be tried.
-        const uint given = match.captured(u"checksum").mid(1).toUInt(nullptr, 16);
-        if (given != expected) {
-            qWarning().noquote() << QStringLiteral("Wrong checksum provided (should be %1)")
-                                        .arg(GnxFrame::checksumText(expected));
-            emit sigSendManualGnxCmd(userCmd);
-            return;
-        }
-    } else if (parseable) {
-        line = QLatin1Char('$') + working + QLatin1Char('*') + GnxFrame::checksumText(expected);
-    }
-
-    if (parseable) {
-        const QStringList fields = payload.split(QLatin1Char(','));
-        const QByteArray key = "CMD_" + fields.first().toLatin1();
-        bool known = false;
-        const int value = QMetaEnum::fromType<GnxCmd_t>().keyToValue(key.constData(), &known);
-        // The keep-alive is the link's own business.
-        if (known && value != CMD_KEEPALIVE_INTERNAL) {
-            sendBlockingRequest(GnxCmd_t(value), fields.mid(1));
-            return;
-        }
-    }
-    emit sigSendManualGnxCmd(line);
+    const GnxFrame::ManualCommand command = GnxFrame::parseManualCommand(userCmd);
+    for (const QString& warning : command.warnings)
+        qWarning().noquote() << warning;
+    if (command.request)
+        sendBlockingRequest(command.cmd, command.params);
+    else
+        emit sigSendManualGnxCmd(command.line);
 }
 
 // --- flash memory --------------------------------------------------------------------------

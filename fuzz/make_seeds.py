@@ -112,3 +112,7 @@ write("fuzz_platforms_csv", "gnx234", "#,Orvia ID,Label,GPS Format Name,Repetiti
       "Frequency Mode,Narrow Mode Frequency\nABCDE,Buoy,,60,3,1,0,401650000\nABCDEF0,North, buoy,,90,2,0,1,0\n")
 write("fuzz_platforms_csv", "gnx134", "#,Orvia ID,Label,GPS Format Name,Repetition period,Mean Direction Values\n"
       "12345,Float,,60,5\n  \n")
+
+# Typed commands and scripts: known and unknown commands, with and without checksums, a wrong one.
+write("fuzz_typed_commands", "script", "# saved configuration\n$SETUPSW,1,1,20,1,0,0,0,,,,,,0,0*0D\n$GSN*70\nTEST\n"
+      "$TEST*00\nFOO,1\n\n$\n*\nIP,3,,,\n")

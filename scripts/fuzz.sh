@@ -13,7 +13,7 @@ seconds=${FUZZ_SECONDS:-30}
 runs=${FUZZ_RUNS:-}
 if [ -n "$runs" ]; then bound=(-runs="$runs"); else bound=(-max_total_time="$seconds"); fi
 targets=(fuzz_gpsformats fuzz_position fuzz_flash_platform fuzz_flash_dump fuzz_device_lines fuzz_reports
-    fuzz_platform_reply fuzz_settings fuzz_firmware_file fuzz_platforms_csv)
+    fuzz_platform_reply fuzz_settings fuzz_firmware_file fuzz_platforms_csv fuzz_typed_commands)
 
 cmake -S "$root/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j "${JOBS:-2}" >/dev/null
