@@ -296,11 +296,16 @@ void UartLink::slotTimeout()
 
 void UartLink::slotReadyRead()
 {
+    receive(serialPort_.readAll());
+}
+
+void UartLink::receive(const QByteArray& bytes)
+{
     if (status() == UART_WAITING_RFP_BINARY_REPLY) {
-        parseBinary(serialPort_.readAll());
+        parseBinary(bytes);
         return;
     }
-    lineBuffer_ += serialPort_.readAll();
+    lineBuffer_ += bytes;
     processLines();
 }
 

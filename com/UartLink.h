@@ -59,6 +59,13 @@ public:
     // True once the port itself failed (unplugged, hung up), as opposed to a silent device.
     bool isPortLost() const { return portLost_.load(); }
 
+    // For fuzzing and tests: the link taken as open on no port at all, fed by receive(). What it
+    // writes goes nowhere.
+    void openWithoutPort() { setStatus(UART_READY); }
+    // Bytes as the port delivers them: the reception state machine, text lines and binary flash
+    // answers alike.
+    void receive(const QByteArray& bytes);
+
     // Called in the link's thread after every status change and on failure, so that a waiter
     // in another thread can look at status() again. Set before the link is moved to its thread.
     void setStateListener(std::function<void()> listener) { stateListener_ = std::move(listener); }

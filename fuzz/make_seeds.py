@@ -116,3 +116,24 @@ write("fuzz_platforms_csv", "gnx134", "#,Orvia ID,Label,GPS Format Name,Repetiti
 # Typed commands and scripts: known and unknown commands, with and without checksums, a wrong one.
 write("fuzz_typed_commands", "script", "# saved configuration\n$SETUPSW,1,1,20,1,0,0,0,,,,,,0,0*0D\n$GSN*70\nTEST\n"
       "$TEST*00\nFOO,1\n\n$\n*\nIP,3,,,\n")
+
+# Link framing scripts: an op byte (0 GSN, 1 RFP binary, 2 RFP text, 3 ATBL, else a chunk whose
+# length is 4 x the next byte). Replies, a crossing report, a binary answer in pieces.
+def chunk(b):
+    b = b.encode("latin-1") if isinstance(b, str) else b
+    b = b + b"\0" * ((4 - len(b) % 4) % 4)
+    return bytes([5, len(b) // 4]) + b
+
+def rfp_frame(k, address, block):
+    body = b"RFP,%d,%d," % (k, address) + block
+    cs = 0
+    for c in body + b"*":
+        cs ^= c
+    return b"$" + body + b"*" + b"%02X" % cs + b"\r\n"
+
+count = bytes(124) + (2).to_bytes(4, "big")
+binary = rfp_frame(0, 0, count) + rfp_frame(1, 0, bytes(range(128))) + rfp_frame(2, 128, b"")
+write("fuzz_link_framing", "reply", bytes([0]) + chunk(frame("NPR," + npr234) + "\r\n" + frame("GSN,12,345") + "\r\n"))
+write("fuzz_link_framing", "binary", bytes([1]) + chunk(binary[:50]) + chunk(binary[50:]))
+write("fuzz_link_framing", "text_rfp", bytes([2]) + chunk(frame("RFP,1,0102A0FF") + "\r\n" + frame("RFP,0,") + "\r\n"))
+write("fuzz_link_framing", "ack", bytes([3]) + chunk(frame("ACK,1") + "\r\n"))

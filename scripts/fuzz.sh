@@ -11,9 +11,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${FUZZ_BUILD:-$root/fuzz-build}
 seconds=${FUZZ_SECONDS:-30}
 runs=${FUZZ_RUNS:-}
-if [ -n "$runs" ]; then bound=(-runs="$runs"); else bound=(-max_total_time="$seconds"); fi
+if [ -n "$runs" ]; then bound=(-runs="$runs") label="$runs runs"; else bound=(-max_total_time="$seconds") label="${seconds}s"; fi
 targets=(fuzz_gpsformats fuzz_position fuzz_flash_platform fuzz_flash_dump fuzz_device_lines fuzz_reports
-    fuzz_platform_reply fuzz_settings fuzz_firmware_file fuzz_platforms_csv fuzz_typed_commands)
+    fuzz_platform_reply fuzz_settings fuzz_firmware_file fuzz_platforms_csv fuzz_typed_commands fuzz_link_framing)
 
 cmake -S "$root/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j "${JOBS:-2}" >/dev/null
@@ -31,7 +31,7 @@ for t in "${targets[@]}"; do
     log="$build/$t.log"
     extra=()
     [ -f "$root/fuzz/${t#fuzz_}.dict" ] && extra+=("-dict=$root/fuzz/${t#fuzz_}.dict")
-    echo "== $t (${runs:+$runs runs}${runs:-${seconds}s})"
+    echo "== $t ($label)"
     started=$SECONDS
     if "$build/$t" "$corpus" "$root/fuzz/corpus/$t" "${extra[@]}" "${bound[@]}" -timeout=10 \
         -rss_limit_mb=2048 -max_len=8192 -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" \
