@@ -313,12 +313,18 @@ QByteArray GnxLink::readFlashMemory()
     qInfo().noquote() << QStringLiteral("Read %1 bytes of data from flash memory...").arg(end - start);
 
     readCancelled_ = false;
+    partialRead_.clear();
     const qint64 total = qMax<qint64>(end - start, 0);
     emit sigFlashProgress(0, total);
     QByteArray data;
     for (qint64 position = start; position < end && !readCancelled_; position += kFlashReadStep) {
         binaryData_.clear();
-        sendBlockingRequest(CMD_RFP, {QString::number(position), QString::number(kFlashReadStep)});
+        try {
+            sendBlockingRequest(CMD_RFP, {QString::number(position), QString::number(kFlashReadStep)});
+        } catch (const MRL::Utils::Exception&) {
+            partialRead_ = data; // the blocks read so far are the user's
+            throw;
+        }
         data += binaryData_;
         emit sigFlashProgress(qMin(position + kFlashReadStep - start, total), total);
     }

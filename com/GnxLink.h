@@ -280,6 +280,8 @@ public:
     // between two blocks once cancelRead() was called, returning what it has.
     QByteArray readFlashMemory();
     void cancelRead() { readCancelled_ = true; }
+    // What a whole-memory read that failed had read before its failure.
+    QByteArray partialRead() const { return partialRead_; }
     QByteArray readPlatformFlashMemory(int platformIndex);
     void deletePlatformFlashMemory(int platformIndex);
     void deleteFlashMemory();
@@ -354,6 +356,7 @@ private:
     QString serialNumber_;
     bool linkCompromised_ = false; // reported once per connection
     bool readCancelled_ = false;
+    QByteArray partialRead_;
 };
 
 } // namespace OrviaGonioManager::Com

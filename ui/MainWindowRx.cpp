@@ -16,6 +16,7 @@
 #include <QTableView>
 #include <QTextStream>
 
+#include <exception>
 #include <map>
 #include <optional>
 
@@ -181,12 +182,14 @@ void MainWindow::slotReadFlashMemory()
                     if (!job_->advance(read))
                         gnxLink_->cancelRead();
                 });
+            // A read that fails part-way still shows what it read, then its error.
             QByteArray dump;
+            std::exception_ptr failure;
             try {
                 dump = gnxLink_->readFlashMemory();
-            } catch (...) {
-                disconnect(progress);
-                throw;
+            } catch (const MRL::Utils::Exception&) {
+                failure = std::current_exception();
+                dump = gnxLink_->partialRead();
             }
             disconnect(progress);
             qInfo().noquote() << "Display messages in RX Table (This operation could be long)...";
@@ -195,10 +198,12 @@ void MainWindow::slotReadFlashMemory()
             try {
                 flash->decodeDump(dump);
             } catch (const MRL::Utils::Exception&) {
-                // A cancelled read ends inside a record: the whole ones before it are shown.
-                if (!job_->isCancelled())
+                // A read cut short ends inside a record: the whole ones before it are shown.
+                if (!job_->isCancelled() && !failure)
                     throw;
             }
+            if (failure)
+                std::rethrow_exception(failure);
         }
     });
 }

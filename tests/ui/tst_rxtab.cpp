@@ -242,25 +242,32 @@ private slots:
         QCOMPARE(seenLive, expected);
     }
 
-    // Cancelled after its first block (GNX234, by the button) or platform (GNX134, by Escape): the
-    // whole records read so far are shown, the link is ready, and the log says where it stopped.
-    void cancelledFlashRead()
+    // Cut short after its first block (GNX234) or platform (GNX134): cancelled by the button or by
+    // Escape, or by a receiver that stops answering. The whole records read so far are shown; a
+    // cancel leaves the link ready and logs where it stopped, a failure is reported once.
+    void cutShortFlashRead()
     {
         QFETCH(QString, model);
+        QFETCH(QString, how);
         const bool gnx134 = model == "gnx134";
+        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 300;
         QVERIFY(connectModel(model, gnx134 ? 12 : 1000));
         QObject ctx;
         connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &ctx,
                 [&](qint64 done) {
-                    if (done > 0 && gnx134) // Escape, as a key waiting for the job's next checkpoint
+                    if (done == 0)
+                        return;
+                    if (how == "stall")
+                        sim_->setStalled(true);
+                    else if (how == "escape") // a key waiting for the job's next checkpoint
                         QCoreApplication::postEvent(window_.get(),
                                                     new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
-                    else if (done > 0)
+                    else
                         window_->jobPanel()->cancelButton()->click();
                 });
         LogCapture logs;
         ui()->pushButtonRxFlashRead->click();
-        QCOMPARE(dialogs_->criticals, QStringList());
+        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 5000;
         int records = 0;
         const auto count = [&](const auto&) { ++records; };
         try {
@@ -271,6 +278,13 @@ private slots:
         } catch (const MRL::Utils::Exception&) {
         }
         QCOMPARE(rx()->allRowCount(), records);
+        if (how == "stall") {
+            QCOMPARE(dialogs_->criticals.size(), 1);
+            QVERIFY2(dialogs_->criticals[0].contains("Uart link timeout"),
+                     qPrintable(dialogs_->criticals[0]));
+            return;
+        }
+        QCOMPARE(dialogs_->criticals, QStringList());
         const QString total = gnx134 ? QString::number(usedSlots_.size()) + " platforms"
                                      : QString::number(sim_->flashBytes().size() + 1) + " bytes";
         QCOMPARE(logs.count(QtInfoMsg,
@@ -279,7 +293,19 @@ private slots:
         QCOMPARE(window_->gnxLink()->readDeviceInfo().version, window_->gnxLink()->version());
     }
 
-    void cancelledFlashRead_data() { readFlash_data(); }
+    void cutShortFlashRead_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::addColumn<QString>("how");
+        QTest::newRow("gnx134 escape") << "gnx134"
+                                       << "escape";
+        QTest::newRow("gnx234 cancel") << "gnx234"
+                                       << "cancel";
+        QTest::newRow("gnx134 stall") << "gnx134"
+                                      << "stall";
+        QTest::newRow("gnx234 stall") << "gnx234"
+                                      << "stall";
+    }
 
     void eraseFlash_data() { readFlash_data(); }
 
