@@ -250,8 +250,8 @@ private slots:
         QFETCH(QString, model);
         QFETCH(QString, how);
         const bool gnx134 = model == "gnx134";
-        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 300;
         QVERIFY(connectModel(model, gnx134 ? 12 : 1000));
+        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 1000; // a stall ends soon
         QObject ctx;
         connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &ctx,
                 [&](qint64 done) {
