@@ -3,8 +3,10 @@
 #include "app/Settings.h"
 
 #include <QDir>
+#include <QFile>
 #include <QTemporaryDir>
 #include <memory>
+#include <unistd.h>
 
 // Benchmarks run in a scratch directory (the settings file is looked for relative to the working
 // directory) with a quiet link: no debug traces, no keep-alive traffic on the wire.
@@ -18,4 +20,13 @@ inline std::unique_ptr<QTemporaryDir> enterBenchSandbox()
     settings.printUartDebugInfo = false;
     settings.keepAlivePeriodMs = 0;
     return dir;
+}
+
+// Resident memory of this process, in MB.
+inline double residentMb()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly))
+        return 0.0;
+    return statm.readAll().split(' ').value(1).toDouble() * double(sysconf(_SC_PAGESIZE)) / 1e6;
 }

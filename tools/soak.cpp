@@ -4,6 +4,7 @@
 // the program's alone (the emulator's flash memory fills with the reports). Usage: ogm_soak
 // [minutes] (default 10).
 #include "app/Settings.h"
+#include "bench/BenchSupport.h"
 #include "com/GnxLink.h"
 
 #include <QCoreApplication>
@@ -23,14 +24,6 @@
 using OrviaGonioManager::Com::GnxLink;
 
 namespace {
-
-double residentMb()
-{
-    QFile statm(QStringLiteral("/proc/self/statm"));
-    if (!statm.open(QIODevice::ReadOnly))
-        return 0.0;
-    return statm.readAll().split(' ').value(1).toDouble() * double(sysconf(_SC_PAGESIZE)) / 1e6;
-}
 
 double cpuSeconds()
 {

@@ -32,15 +32,6 @@ using OrviaGonioManager::Utils::RxTableModel;
 
 namespace {
 
-double residentMb()
-{
-    QFile statm(QStringLiteral("/proc/self/statm"));
-    if (!statm.open(QIODevice::ReadOnly))
-        return 0.0;
-    const QList<QByteArray> fields = statm.readAll().split(' ');
-    return fields.value(1).toDouble() * double(sysconf(_SC_PAGESIZE)) / 1e6;
-}
-
 double msSince(const QElapsedTimer& t)
 {
     return double(t.nsecsElapsed()) / 1e6;
