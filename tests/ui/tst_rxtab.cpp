@@ -249,6 +249,7 @@ private slots:
     {
         QFETCH(QString, model);
         QFETCH(QString, how);
+        QFETCH(QString, error); // the one dialog of a failure
         const bool gnx134 = model == "gnx134";
         QVERIFY(connectModel(model, gnx134 ? 12 : 1000));
         OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 1000; // a stall ends soon
@@ -257,12 +258,16 @@ private slots:
                 [&](qint64 done) {
                     if (done == 0)
                         return;
+                    gnxsim::Faults faults;
+                    faults.dropReply = how == "drop" ? 1.0 : 0.0;
+                    faults.corruptChecksum = how == "corrupt" ? 1.0 : 0.0;
+                    sim_->setFaults(faults);
                     if (how == "stall")
                         sim_->setStalled(true);
                     else if (how == "escape") // a key waiting for the job's next checkpoint
                         QCoreApplication::postEvent(window_.get(),
                                                     new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
-                    else
+                    else if (how == "cancel")
                         window_->jobPanel()->cancelButton()->click();
                 });
         LogCapture logs;
@@ -278,10 +283,9 @@ private slots:
         } catch (const MRL::Utils::Exception&) {
         }
         QCOMPARE(rx()->allRowCount(), records);
-        if (how == "stall") {
+        if (!error.isEmpty()) {
             QCOMPARE(dialogs_->criticals.size(), 1);
-            QVERIFY2(dialogs_->criticals[0].contains("Uart link timeout"),
-                     qPrintable(dialogs_->criticals[0]));
+            QVERIFY2(dialogs_->criticals[0].contains(error), qPrintable(dialogs_->criticals[0]));
             return;
         }
         QCOMPARE(dialogs_->criticals, QStringList());
@@ -297,14 +301,16 @@ private slots:
     {
         QTest::addColumn<QString>("model");
         QTest::addColumn<QString>("how");
-        QTest::newRow("gnx134 escape") << "gnx134"
-                                       << "escape";
-        QTest::newRow("gnx234 cancel") << "gnx234"
-                                       << "cancel";
-        QTest::newRow("gnx134 stall") << "gnx134"
-                                      << "stall";
-        QTest::newRow("gnx234 stall") << "gnx234"
-                                      << "stall";
+        QTest::addColumn<QString>("error");
+        const auto row = [](const char* model, const char* how, const char* error) {
+            QTest::addRow("%s %s", model, how) << QString(model) << QString(how) << QString(error);
+        };
+        row("gnx134", "escape", "");
+        row("gnx234", "cancel", "");
+        row("gnx134", "stall", "Uart link timeout");
+        row("gnx234", "stall", "Uart link timeout");
+        row("gnx234", "drop", "Uart link timeout");
+        row("gnx134", "corrupt", "Bad checksum in GNX reply");
     }
 
     void eraseFlash_data() { readFlash_data(); }
