@@ -11,8 +11,16 @@
 
 using OrviaGonioManager::Utils::Settings;
 
+namespace {
+
+void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+} // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    static const auto previous = qInstallMessageHandler(quiet); // "Load default values" every run
+    (void)previous;
     // In memory where the system has it: a run is a file written and read twice.
     static QTemporaryDir dir(QDir(QStringLiteral("/dev/shm")).exists()
                                  ? QStringLiteral("/dev/shm/ogm-fuzz-XXXXXX")
