@@ -480,25 +480,6 @@ private slots:
         QCOMPARE(info.applicationVersion, QStringLiteral("4.0.1"));
     }
 
-    // The percentage changes every ten records: exactly one hundred lines.
-    void progressOfAThousandRecords()
-    {
-        QVERIFY(start(V2, gnxsim::Mode::Bl));
-        const QList<QByteArray> records = firmwareRecords(QStringLiteral("4.1.0"), 998, 16);
-        QCOMPARE(records.size(), 1000);
-        MessageLog log;
-        QSignalSpy progress(link.get(), &GnxLink::sigFirmwareProgress);
-        link->uploadFirmware(records);
-
-        const QStringList lines = log.messages(QtInfoMsg).filter(QStringLiteral("% uploaded"));
-        QCOMPARE(lines.size(), 100);
-        QCOMPARE(lines.first(), QStringLiteral("1% uploaded (line 10 on 1000)..."));
-        QCOMPARE(lines.at(49), QStringLiteral("50% uploaded (line 500 on 1000)..."));
-        QCOMPARE(lines.last(), QStringLiteral("100% uploaded (line 1000 on 1000)..."));
-        QCOMPARE(progress.size(), 1000);
-        QCOMPARE(sim->applicationVersion(), QStringLiteral("4.1.0"));
-    }
-
     void uploadRefusedInApplication()
     {
         QVERIFY(start(V2));
