@@ -11,6 +11,9 @@ ComManager::ComManager(QObject* parent)
 {
     scanTimer_.setSingleShot(true);
     connect(&scanTimer_, &QTimer::timeout, this, &ComManager::slotScanComPorts);
+    connect(&deviceWatcher_, &QFileSystemWatcher::directoryChanged, this,
+            [this] { relistScans_ = kRelistScans; });
+    setDeviceDirectory(QStringLiteral("/dev"));
 }
 
 ComManager::~ComManager()
@@ -22,6 +25,26 @@ ComManager::~ComManager()
 void ComManager::setPortLister(PortLister lister)
 {
     portLister_ = lister ? std::move(lister) : PortLister(&ComManager::systemPorts);
+    setDeviceDirectory({});
+}
+
+void ComManager::setDeviceDirectory(const QString& directory)
+{
+    if (!deviceWatcher_.directories().isEmpty())
+        deviceWatcher_.removePaths(deviceWatcher_.directories());
+    if (!directory.isEmpty())
+        deviceWatcher_.addPath(directory);
+    relistScans_ = 1;
+}
+
+QList<ComManager::PortEntry> ComManager::listPorts()
+{
+    // Without a watch (none asked for, or inotify refused it) every scan lists.
+    if (relistScans_ > 0 || deviceWatcher_.directories().isEmpty()) {
+        relistScans_ = qMax(0, relistScans_ - 1);
+        lastPorts_ = portLister_();
+    }
+    return lastPorts_;
 }
 
 QList<ComManager::PortEntry> ComManager::systemPorts()
@@ -49,7 +72,7 @@ QStringList ComManager::extraPortPaths()
 
 void ComManager::slotScanComPorts()
 {
-    const QList<PortEntry> ports = portLister_();
+    const QList<PortEntry> ports = listPorts();
     const QStringList extraPaths = extraPortPaths();
     QSet<QString> present;
 

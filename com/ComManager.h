@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFileSystemWatcher>
 #include <QList>
 #include <QObject>
 #include <QSet>
@@ -38,8 +39,13 @@ public:
     explicit ComManager(QObject* parent = nullptr);
     ~ComManager() override;
 
-    // The one place ports come from; tests replace it.
+    // The one place ports come from; tests replace it. A lister set here is asked at every scan.
     void setPortLister(PortLister lister);
+    // Listing the system's ports costs a few tens of milliseconds: list again only for a few
+    // scans after this directory changed (its nodes come and go with the devices; the USB
+    // identifiers follow a moment later), and reuse the last list otherwise.
+    void setDeviceDirectory(const QString& directory);
+    static constexpr int kRelistScans = 3;
     static QList<PortEntry> systemPorts();
     // The paths of GNX_EXTRA_PORTS that exist now.
     static QStringList extraPortPaths();
@@ -54,6 +60,7 @@ public slots:
     void slotScanComPorts();
 
 private:
+    QList<PortEntry> listPorts();
     void detect(const QString& portName);
     void reject(const PortEntry& port);
 
@@ -62,6 +69,9 @@ private:
     // Rejected ports are warned about once while they stay plugged in.
     QSet<QString> rejectedPorts_;
     PortLister portLister_;
+    QFileSystemWatcher deviceWatcher_;
+    int relistScans_ = 1;
+    QList<PortEntry> lastPorts_;
 };
 
 } // namespace OrviaGonioManager::Com

@@ -188,6 +188,11 @@ void GnxLink::waitForLink()
     }
 }
 
+bool GnxLink::isUsable() const
+{
+    return link_ && !link_->hasFailed() && link_->status() != UartLink::UART_ERROR_TIMEOUT;
+}
+
 void GnxLink::sendBlockingRequest(GnxCmd_t gnxCmd, const QStringList& params)
 {
     if (recording_) {

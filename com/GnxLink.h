@@ -261,6 +261,8 @@ public:
     void closeConnection();
     QString portName() const;
     bool isConnected() const { return !link_.isNull(); }
+    // Connected, and the link has neither failed nor timed out: a request may still be answered.
+    bool isUsable() const;
     // The link failed because its port went away or hung up.
     bool isPortLost() const;
     void setLiveRxEnabled(bool enabled);

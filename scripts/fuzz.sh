@@ -5,6 +5,7 @@
 # or sanitizer report.
 #   FUZZ_SECONDS  time per target (default 30)    FUZZ_RUNS  executions per target instead
 #   FUZZ_BUILD    build directory (default fuzz-build)
+#   FUZZ_TARGETS  the targets to run, separated by spaces (default all)
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,6 +15,7 @@ runs=${FUZZ_RUNS:-}
 if [ -n "$runs" ]; then bound=(-runs="$runs") label="$runs runs"; else bound=(-max_total_time="$seconds") label="${seconds}s"; fi
 targets=(fuzz_gpsformats fuzz_position fuzz_flash_platform fuzz_flash_dump fuzz_device_lines fuzz_reports
     fuzz_platform_reply fuzz_settings fuzz_firmware_file fuzz_platforms_csv fuzz_typed_commands fuzz_link_framing)
+[ -n "${FUZZ_TARGETS:-}" ] && read -ra targets <<<"$FUZZ_TARGETS"
 
 cmake -S "$root/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j "${JOBS:-2}" >/dev/null

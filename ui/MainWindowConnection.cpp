@@ -3,6 +3,7 @@
 
 #include "com/ComManager.h"
 #include "ui_MainWindow.h"
+#include "utils/JobProgress.h"
 
 #include <QAction>
 #include <QDateTime>
@@ -138,6 +139,7 @@ void MainWindow::slotGnxDisconnected(QString portName, QString reason)
 // ends the session through its removal; a link failing on a port still present is an error.
 void MainWindow::linkCompromised(const QString& portName, const QString& message)
 {
+    job_->cancel(); // a job on a failed link stops before its next request
     if (!gnxLink_->isPortLost()) {
         gnxDisconnected(portName, message, true);
         return;
@@ -161,6 +163,7 @@ void MainWindow::gnxDisconnected(const QString& portName, const QString& reason,
     // A failing link may report more than once; only the first report tears down.
     if (connectedPort_.isEmpty() && !gnxLink_->isConnected())
         return;
+    job_->cancel();
     sessionLog_.close();
     ui_->tabWidget->setCurrentIndex(0);
     if (linkFailure)

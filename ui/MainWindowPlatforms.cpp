@@ -251,8 +251,9 @@ void MainWindow::slotImportPlatformsInfo()
                     break;
             }
         } catch (...) {
-            // What was written stays on the receiver: show it.
-            guard([&] { loadPlatforms(*gnxLink_, table, *job_); });
+            // What was written stays on the receiver: show it, if the receiver still answers.
+            if (gnxLink_->isUsable())
+                guard([&] { loadPlatforms(*gnxLink_, table, *job_); });
             sortBySlot(table);
             throw;
         }

@@ -150,11 +150,12 @@ void MainWindow::slotTerminalScript()
             try {
                 gnxLink_->sendManualCommand(lines[i]);
             } catch (const MRL::Utils::Exception& e) {
+                const QString message =
+                    QStringLiteral("GNX script %1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message());
                 // Without a link every further line would fail the same way.
-                if (!gnxLink_->isConnected())
-                    throw;
-                showException(
-                    QStringLiteral("GNX script %1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message()));
+                if (!gnxLink_->isUsable())
+                    throw MRL::Utils::Exception(message, e.severity());
+                showException(message);
             }
             if (!job_->advance(++done))
                 break;

@@ -74,6 +74,35 @@ private slots:
         manager->slotScanComPorts();
         QCOMPARE(events, (QStringList{'+' + first, '+' + adapter, '-' + first}));
     }
+
+    // The system's ports are listed again only for a few scans after the device directory changed.
+    void relistsAfterDeviceChanges()
+    {
+        QTemporaryDir dev;
+        int listings = 0;
+        QList<Port> plugged;
+        manager->setPortLister([&] {
+            ++listings;
+            return plugged;
+        });
+        manager->setDeviceDirectory(dev.path());
+        for (int i = 0; i < 3; ++i)
+            manager->slotScanComPorts();
+        QCOMPARE(listings, 1);
+
+        // A receiver's node appears: listed again until detected, then for a few scans more.
+        plugged << gnx("ttyUSB0");
+        QFile(dev.filePath("ttyUSB0")).open(QIODevice::WriteOnly);
+        QTRY_VERIFY_WITH_TIMEOUT((manager->slotScanComPorts(), !events.isEmpty()), 5000);
+        for (int i = 0; i < ComManager::kRelistScans; ++i)
+            manager->slotScanComPorts();
+        const int settled = listings;
+        QVERIFY(settled > 1);
+        for (int i = 0; i < 3; ++i)
+            manager->slotScanComPorts();
+        QCOMPARE(listings, settled);
+        QCOMPARE(events, QStringList("+ttyUSB0"));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestComManager)

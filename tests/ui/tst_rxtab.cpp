@@ -1,16 +1,7 @@
 // The "RX" tab against the emulator over a pseudo-terminal: live reports, the ID filter, the CSV
 // export, reading and erasing the flash memory.
 #include "common/WindowFixture.h"
-#include "mrl/utils/Exception.h"
-#include "ui/JobPanel.h"
-#include "utils/FlashDecoder.h"
 #include "utils/GpsFormat.h"
-#include "utils/JobProgress.h"
-
-#include <QKeyEvent>
-#include <QPushButton>
-
-using OrviaGonioManager::Utils::FlashDecoder;
 
 class TestRxTab : public QObject, private WindowFixture
 {
@@ -245,74 +236,6 @@ private slots:
     // Cut short after its first block (GNX234) or platform (GNX134): cancelled by the button or by
     // Escape, or by a receiver that stops answering. The whole records read so far are shown; a
     // cancel leaves the link ready and logs where it stopped, a failure is reported once.
-    void cutShortFlashRead()
-    {
-        QFETCH(QString, model);
-        QFETCH(QString, how);
-        QFETCH(QString, error); // the one dialog of a failure
-        const bool gnx134 = model == "gnx134";
-        QVERIFY(connectModel(model, gnx134 ? 12 : 1000));
-        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 1000; // a stall ends soon
-        QObject ctx;
-        connect(window_->jobProgress(), &OrviaGonioManager::Utils::JobProgress::sigProgress, &ctx,
-                [&](qint64 done) {
-                    if (done == 0)
-                        return;
-                    gnxsim::Faults faults;
-                    faults.dropReply = how == "drop" ? 1.0 : 0.0;
-                    faults.corruptChecksum = how == "corrupt" ? 1.0 : 0.0;
-                    sim_->setFaults(faults);
-                    if (how == "stall")
-                        sim_->setStalled(true);
-                    else if (how == "escape") // a key waiting for the job's next checkpoint
-                        QCoreApplication::postEvent(window_.get(),
-                                                    new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
-                    else if (how == "cancel")
-                        window_->jobPanel()->cancelButton()->click();
-                });
-        LogCapture logs;
-        ui()->pushButtonRxFlashRead->click();
-        OrviaGonioManager::Utils::Settings::instance().gnxCommandTimeoutMs = 5000;
-        int records = 0;
-        const auto count = [&](const auto&) { ++records; };
-        try {
-            if (gnx134)
-                FlashDecoder::decodePlatformDump(0, "X", sim_->platformFlashBytes(usedSlots_[0]), count);
-            else
-                FlashDecoder::decodeDump(sim_->flashBytes().left(16384), count);
-        } catch (const MRL::Utils::Exception&) {
-        }
-        QCOMPARE(rx()->allRowCount(), records);
-        if (!error.isEmpty()) {
-            QCOMPARE(dialogs_->criticals.size(), 1);
-            QVERIFY2(dialogs_->criticals[0].contains(error), qPrintable(dialogs_->criticals[0]));
-            return;
-        }
-        QCOMPARE(dialogs_->criticals, QStringList());
-        const QString total = gnx134 ? QString::number(usedSlots_.size()) + " platforms"
-                                     : QString::number(sim_->flashBytes().size() + 1) + " bytes";
-        QCOMPARE(logs.count(QtInfoMsg,
-                            "Flash read cancelled after " + QString(gnx134 ? "1" : "16384") + " of " + total),
-                 1);
-        QCOMPARE(window_->gnxLink()->readDeviceInfo().version, window_->gnxLink()->version());
-    }
-
-    void cutShortFlashRead_data()
-    {
-        QTest::addColumn<QString>("model");
-        QTest::addColumn<QString>("how");
-        QTest::addColumn<QString>("error");
-        const auto row = [](const char* model, const char* how, const char* error) {
-            QTest::addRow("%s %s", model, how) << QString(model) << QString(how) << QString(error);
-        };
-        row("gnx134", "escape", "");
-        row("gnx234", "cancel", "");
-        row("gnx134", "stall", "Uart link timeout");
-        row("gnx234", "stall", "Uart link timeout");
-        row("gnx234", "drop", "Uart link timeout");
-        row("gnx134", "corrupt", "Bad checksum in GNX reply");
-    }
-
     void eraseFlash_data() { readFlash_data(); }
 
     void eraseFlash()
