@@ -8,17 +8,31 @@ namespace OrviaGonioManager::Utils {
 
 Settings::Settings(const QFileInfo& file) : MRL::Utils::Settings(file) {}
 
-Settings& Settings::instance()
-{
-    static Settings* settings = [] {
-        auto* s = new Settings;
-        s->load();
-        return s;
-    }();
-    return *settings;
+namespace {
+Settings* g_instance = nullptr;
 }
 
-void Settings::load()
+Settings& Settings::instance()
+{
+    if (!g_instance) {
+        g_instance = new Settings;
+        g_instance->load();
+    }
+    return *g_instance;
+}
+
+void Settings::useFile(const QString& path)
+{
+    if (!path.isEmpty() && !QFileInfo(path).isReadable())
+        throw MRL::Utils::Exception(QStringLiteral("Unable to read settings file %1").arg(path), 2);
+    auto* settings = new Settings(QFileInfo(path));
+    if (!path.isEmpty())
+        settings->load(false);
+    delete g_instance;
+    g_instance = settings;
+}
+
+void Settings::load(bool createMissing)
 {
     const auto ini = getSettings(SETTINGS_READ);
     try {
@@ -28,9 +42,12 @@ void Settings::load()
         gnxCommandTimeoutMs = loadVariable(*ini, QStringLiteral("gnxCommandTimeoutMs")).toInt();
         keepAliveTimeoutMs = loadVariable(*ini, QStringLiteral("keepAliveTimeoutMs")).toInt();
         keepAlivePeriodMs = loadVariable(*ini, QStringLiteral("keepAlivePeriodMs")).toInt();
-        keepChecksumErrorOnNprGnx134 = loadVariable(*ini, QStringLiteral("keepChecksumErrorOnNprGnx134")).toBool();
+        keepChecksumErrorOnNprGnx134 =
+            loadVariable(*ini, QStringLiteral("keepChecksumErrorOnNprGnx134")).toBool();
         nprMessagesFormat = loadVariable(*ini, QStringLiteral("nprMessagesFormat")).toInt();
     } catch (const MRL::Utils::Exception&) {
+        if (!createMissing)
+            return;
         qDebug().noquote() << "Load default values. Creation of a new settings file.";
         save();
     }

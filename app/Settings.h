@@ -17,8 +17,14 @@ public:
 
     // The single instance, created and loaded on first call (on the GUI thread, at start-up).
     static Settings& instance();
+    // For a front end that keeps no settings file of its own, before the first instance(): the
+    // values of the file at path, or the defaults when path is empty. Nothing is ever written.
+    // Throws when the file cannot be read.
+    static void useFile(const QString& path);
 
-    void load();
+    // A file that lacks a key is written anew with the values read so far and the defaults,
+    // unless createMissing is false.
+    void load(bool createMissing = true);
     void save() const;
 
     bool printUartDebugInfo = false;

@@ -52,8 +52,8 @@ QList<ComManager::PortEntry> ComManager::systemPorts()
     QList<PortEntry> ports;
     const auto infos = QSerialPortInfo::availablePorts();
     for (const QSerialPortInfo& info : infos)
-        ports.append(
-            {info.portName(), info.systemLocation(), info.vendorIdentifier(), info.productIdentifier()});
+        ports.append({info.portName(), info.systemLocation(), info.vendorIdentifier(),
+                      info.productIdentifier(), info.serialNumber()});
     return ports;
 }
 

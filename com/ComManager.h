@@ -33,6 +33,7 @@ public:
         QString systemLocation;
         quint16 vendorId = 0;
         quint16 productId = 0;
+        QString serialNumber;
     };
     using PortLister = std::function<QList<PortEntry>()>;
 

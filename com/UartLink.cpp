@@ -500,7 +500,8 @@ bool UartLink::parseBinaryFrame()
 
     if (!blockCountKnown_) {
         qint64 count = 0;
-        if (!readBlockCount(currentBlock_, count) || (count - 1) * kRfpBlockBytes > kMaxRfpBytes) {
+        // Compared by division: a huge count would overflow the product.
+        if (!readBlockCount(currentBlock_, count) || count - 1 > kMaxRfpBytes / kRfpBlockBytes) {
             failBinary(QStringLiteral("Flash memory answer announces too many blocks"));
             return false;
         }

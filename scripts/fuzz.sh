@@ -49,7 +49,7 @@ for t in "${targets[@]}"; do
         status=1
         grep -E -A20 "ERROR: |runtime error:" "$log" | head -n 40
     fi
-    execs=$(grep -oE "stat::number_of_executed_units: *[0-9]+" "$log" | grep -oE "[0-9]+$" || echo "?")
+    execs=$(grep -oE "stat::number_of_executed_units: *[0-9]+" "$log" | tail -n 1 | grep -oE "[0-9]+$" || echo "?")
     findings=$([ "$result" = ok ] && echo 0 || echo 1)
     summary+=("$(printf '%-22s %12s %8d %8d' "$t" "$execs" $((SECONDS - started)) "$findings")")
 done

@@ -7,6 +7,7 @@
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 #include "utils/FlashMemory.h"
+#include "utils/FlashRead.h"
 #include "utils/JobProgress.h"
 
 #include <QDebug>
@@ -156,55 +157,15 @@ void MainWindow::slotReadFlashMemory()
             }
         };
 
-        Utils::FlashMemory* flash = Utils::FlashMemory::instance();
+        std::map<int, QString> usedSlots;
         if (gnxLink_->version() == Com::GnxLink::GNX_V1) {
             if (ui_->tableWidgetPlatforms->rowCount() == 0)
                 slotGetPlatformsInfo();
-            const auto usedSlots =
-                usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber());
-            flashBatch_ = &batch;
-            EnterAtEnd enterAtEnd{this, batch};
-            const Utils::JobScope job(*job_, QStringLiteral("Flash read"), qint64(usedSlots.size()),
-                                      QStringLiteral("platforms"));
-            int done = 0;
-            for (const auto& [index, id] : usedSlots) {
-                flash->decodePlatformDump(quint32(index), id, gnxLink_->readPlatformFlashMemory(index));
-                if (!job_->advance(++done))
-                    break;
-            }
-        } else {
-            // The job begins once CMD_IFP has told how much there is to read.
-            std::optional<Utils::JobScope> job;
-            const QMetaObject::Connection progress =
-                connect(gnxLink_, &GnxLink::sigFlashProgress, this, [&](qint64 read, qint64 total) {
-                    if (!job)
-                        job.emplace(*job_, QStringLiteral("Flash read"), total, QStringLiteral("bytes"));
-                    if (!job_->advance(read))
-                        gnxLink_->cancelRead();
-                });
-            // A read that fails part-way still shows what it read, then its error.
-            QByteArray dump;
-            std::exception_ptr failure;
-            try {
-                dump = gnxLink_->readFlashMemory();
-            } catch (const MRL::Utils::Exception&) {
-                failure = std::current_exception();
-                dump = gnxLink_->partialRead();
-            }
-            disconnect(progress);
-            qInfo().noquote() << "Display messages in RX Table (This operation could be long)...";
-            flashBatch_ = &batch;
-            EnterAtEnd enterAtEnd{this, batch};
-            try {
-                flash->decodeDump(dump);
-            } catch (const MRL::Utils::Exception&) {
-                // A read cut short ends inside a record: the whole ones before it are shown.
-                if (!job_->isCancelled() && !failure)
-                    throw;
-            }
-            if (failure)
-                std::rethrow_exception(failure);
+            usedSlots = usedPlatformSlots(ui_->tableWidgetPlatforms, gnxLink_->maxPlatformsNumber());
         }
+        flashBatch_ = &batch;
+        EnterAtEnd enterAtEnd{this, batch};
+        Utils::readWholeFlash(*gnxLink_, *job_, usedSlots);
     });
 }
 

@@ -229,27 +229,29 @@ const RxTableModel::Row& RxTableModel::visibleRow(int modelRow) const
 
 QString RxTableModel::cellText(int row, int column) const
 {
-    return cellText(rows_[rows_.size() - 1 - size_t(row)], column, coordType_);
+    return cellText(rowAt(row), column, coordType_);
 }
 
 bool RxTableModel::isHidden(int row) const
 {
-    return !passes(rows_[rows_.size() - 1 - size_t(row)]);
+    return !passes(rowAt(row));
 }
 
 QStringList RxTableModel::exportLines(const std::function<bool(int modelRow)>& selected) const
 {
     QStringList lines{headerTexts().join(QLatin1Char(','))};
-    QStringList cells;
-    for (int row = 0; row < rowCount(); ++row) {
-        if (!selected(row))
-            continue;
-        cells.clear();
-        for (int column = 0; column < COLUMN_COUNT; ++column)
-            cells << cellText(visibleRow(row), column, coordType_);
-        lines << cells.join(QLatin1Char(','));
-    }
+    for (int row = 0; row < rowCount(); ++row)
+        if (selected(row))
+            lines << exportLine(visibleRow(row), coordType_);
     return lines;
+}
+
+QString RxTableModel::exportLine(const Row& row, Com::GnxLink::CoordType_t coordType)
+{
+    QStringList cells;
+    for (int column = 0; column < COLUMN_COUNT; ++column)
+        cells << cellText(row, column, coordType);
+    return cells.join(QLatin1Char(','));
 }
 
 int RxTableModel::rowCount(const QModelIndex& parent) const

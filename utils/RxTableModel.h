@@ -85,9 +85,13 @@ public:
     // The whole table in display order, hidden rows included.
     int allRowCount() const { return int(rows_.size()); }
     QString cellText(int row, int column) const;
+    const Row& rowAt(int row) const { return rows_[rows_.size() - 1 - size_t(row)]; }
     bool isHidden(int row) const;
     // Header, then the rows shown (the model's rows), those selected only when selected() says so.
     QStringList exportLines(const std::function<bool(int modelRow)>& selected) const;
+    // One row of the export.
+    static QString exportLine(const Row& row, Com::GnxLink::CoordType_t coordType);
+    Com::GnxLink::CoordType_t coordType() const { return coordType_; }
 
     int rowCount(const QModelIndex& parent = {}) const override;
     int columnCount(const QModelIndex& parent = {}) const override;

@@ -18,7 +18,7 @@ private:
 
     static Port gnx(const QString& name)
     {
-        return {name, "/dev/" + name, ComManager::kGnxVendorId, ComManager::kGnxProductId};
+        return {name, "/dev/" + name, ComManager::kGnxVendorId, ComManager::kGnxProductId, {}};
     }
     void scan(const QList<Port>& ports)
     {
@@ -41,7 +41,7 @@ private slots:
     void detectRemoveReject()
     {
         TestSupport::MessageLog log;
-        const Port other{"ttyUSB1", "/dev/ttyUSB1", ComManager::kGnxVendorId, 0x1234};
+        const Port other{"ttyUSB1", "/dev/ttyUSB1", ComManager::kGnxVendorId, 0x1234, {}};
         const QStringList rejected{"Device vendor 0x4DE product 0x1234 is rejected on port ttyUSB1."};
         const QList<Port> all{gnx("ttyUSB0"), other, gnx("ttyUSB2")};
         scan(all);
@@ -68,7 +68,7 @@ private slots:
         qputenv(ComManager::kExtraPortsVariable, (first + "::" + second + ":" + adapter).toLocal8Bit());
         TestSupport::MessageLog log;
         // A listed port named in the variable is offered under its path, not rejected.
-        scan({{"ttyUSB3", adapter, 0x0403, 0x6001}});
+        scan({{"ttyUSB3", adapter, 0x0403, 0x6001, {}}});
         QVERIFY(log.warnings().isEmpty());
         QFile::remove(first);
         manager->slotScanComPorts();

@@ -3,6 +3,8 @@
 #include "common/WindowFixture.h"
 #include "utils/GpsFormat.h"
 
+#include <QProcess>
+
 class TestRxTab : public QObject, private WindowFixture
 {
     Q_OBJECT
@@ -231,11 +233,17 @@ private slots:
         for (const QString& id : favourites.keys())
             expected += model == "gnx134" || id.size() == 7;
         QCOMPARE(seenLive, expected);
+
+        // The command line writes the same bytes as the window's export, for the same receiver.
+        exportTo("window.csv");
+        window_->portAction(sim_->slavePath())->trigger(); // the window lets the port go
+        QProcess gnxctl;
+        gnxctl.start(GNXCTL_PATH, {"--port", sim_->slavePath(), "flash", "read", "--format", "csv"});
+        QVERIFY(gnxctl.waitForFinished(30000));
+        QCOMPARE(gnxctl.exitCode(), 0);
+        QCOMPARE(gnxctl.readAllStandardOutput(), readAll(workDir_.filePath("window.csv")));
     }
 
-    // Cut short after its first block (GNX234) or platform (GNX134): cancelled by the button or by
-    // Escape, or by a receiver that stops answering. The whole records read so far are shown; a
-    // cancel leaves the link ready and logs where it stopped, a failure is reported once.
     void eraseFlash_data() { readFlash_data(); }
 
     void eraseFlash()

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+
+namespace OrviaGonioManager::Cli {
+
+// The exit codes, as --help documents them.
+enum ExitCode
+{
+    EXIT_DONE = 0,
+    EXIT_DEVICE = 1, // the device answered with an error, or a request timed out
+    EXIT_USAGE = 2,  // usage, or a bad input file
+    EXIT_PORT = 3,   // no receiver, several, or the port cannot be opened
+};
+
+// A failure that ends the program with its code; the message goes to standard error.
+struct CliError
+{
+    ExitCode code;
+    QString message;
+};
+
+} // namespace OrviaGonioManager::Cli

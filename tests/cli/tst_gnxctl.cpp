@@ -1,0 +1,290 @@
+// gnxctl end to end: the program run as a user runs it, against the emulator over a
+// pseudo-terminal. Outputs are parsed back, never compared as loose text.
+#include "sim/PtySimulator.h"
+#include "utils/RxTableModel.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <functional>
+#include <memory>
+
+namespace {
+
+struct Run
+{
+    int code = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+QList<QJsonObject> jsonLines(const QByteArray& text)
+{
+    QList<QJsonObject> objects;
+    for (const QByteArray& line : text.split('\n'))
+        if (!line.isEmpty())
+            objects << QJsonDocument::fromJson(line).object();
+    return objects;
+}
+
+int lineCount(const QByteArray& text)
+{
+    return int(text.count('\n'));
+}
+
+} // namespace
+
+class TestGnxctl : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir dir_;
+    std::unique_ptr<gnxsim::PtySimulator> sim_;
+
+    QString port() const { return dir_.filePath("gnx"); }
+
+    bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40)
+    {
+        gnxsim::Options o;
+        o.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
+        o.mode = bootloader ? gnxsim::Mode::Bl : gnxsim::Mode::App;
+        o.platforms = 4;
+        o.flashRecords = records;
+        o.liveIntervalMs = liveMs;
+        o.linkPath = port();
+        o.seed = 7;
+        sim_ = std::make_unique<gnxsim::PtySimulator>(o);
+        return sim_->start();
+    }
+
+    // Runs gnxctl; onStderr sees each chunk of standard error as it comes.
+    Run gnxctl(const QStringList& args, const QString& extraPorts = {},
+               const std::function<void(const QByteArray&)>& onStderr = {}, const QByteArray& onOut = {},
+               const std::function<void()>& whenOut = {})
+    {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("GNX_EXTRA_PORTS", extraPorts);
+        p.setProcessEnvironment(env);
+        Run r;
+        bool fired = false;
+        connect(&p, &QProcess::readyReadStandardError, &p, [&] {
+            const QByteArray chunk = p.readAllStandardError();
+            r.err += chunk;
+            if (onStderr)
+                onStderr(chunk);
+        });
+        connect(&p, &QProcess::readyReadStandardOutput, &p, [&] {
+            r.out += p.readAllStandardOutput();
+            if (whenOut && !fired && r.out.count('\n') >= onOut.toInt()) {
+                fired = true;
+                whenOut();
+            }
+        });
+        p.start(GNXCTL_PATH, args);
+        if (!p.waitForFinished(60000))
+            p.kill();
+        r.out += p.readAllStandardOutput();
+        r.err += p.readAllStandardError();
+        r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+        return r;
+    }
+
+    QStringList withPort(const QString& args) const
+    {
+        return QStringList{"--port", port()} + args.split(' ', Qt::SkipEmptyParts);
+    }
+
+    // What the row's command must have done; empty when it did.
+    QString verify(const QString& what, const QString& model, const Run& r, const QString& file)
+    {
+        const QString modelName = model.toUpper();
+        const int records = sim_->flashRecordCount();
+        if (what == "info") {
+            if (!r.out.contains("model: " + modelName.toLatin1()) ||
+                !r.out.contains("serialNumber: " +
+                                sim_->serialNumber().split('-').value(0).rightJustified(4, '0').toLatin1()))
+                return r.out;
+        } else if (what == "info json" || what == "bootloader") {
+            const QJsonObject o = QJsonDocument::fromJson(r.out).object();
+            if (o["model"].toString() != modelName ||
+                o["mode"].toString() != (what == "bootloader" ? "bl" : "app"))
+                return r.out;
+        } else if (what == "clock" || what == "synced") {
+            const QDateTime shown = QDateTime::fromString(QString(r.out).trimmed(), Qt::ISODate);
+            // The receiver's clock is set and read to the minute.
+            const QDateTime expected = what == "clock" ? sim_->clock() : QDateTime::currentDateTimeUtc();
+            if (!shown.isValid() || qAbs(shown.secsTo(expected)) > 65 ||
+                qAbs(sim_->clock().secsTo(expected)) > 65)
+                return r.out;
+        } else if (what == "reply") {
+            if (!r.out.startsWith(modelName.toLatin1() + ','))
+                return r.out;
+        } else if (what == "jsonl") {
+            const auto objects = jsonLines(r.out);
+            if (objects.size() != records ||
+                !QDateTime::fromString(objects.value(0)["time"].toString(), Qt::ISODateWithMs).isValid())
+                return QString("%1 objects for %2 records").arg(objects.size()).arg(records);
+        } else if (what == "csv") {
+            const QByteArray header =
+                OrviaGonioManager::Utils::RxTableModel::headerTexts().join(',').toLatin1() + '\n';
+            if (!r.out.startsWith(header) || lineCount(r.out) != records + 1)
+                return QString("%1 lines for %2 records").arg(lineCount(r.out)).arg(records);
+        } else if (what == "npr file") {
+            QFile f(file);
+            if (!f.open(QIODevice::ReadOnly) || lineCount(f.readAll()) != records || !r.out.isEmpty())
+                return "the file holds no line a record";
+        } else if (what == "erased") {
+            if (records != 0)
+                return QString("%1 records left").arg(records);
+        } else if (what == "live") {
+            if (jsonLines(r.out).size() != 3 || jsonLines(r.out).value(2)["origin"].toString() != "live")
+                return r.out;
+        } else if (what == "to bootloader") {
+            if (sim_->mode() != gnxsim::Mode::Bl)
+                return "still in the application";
+        } else if (!what.isEmpty() && !r.err.contains(what.toLatin1())) {
+            return r.err;
+        }
+        return {};
+    }
+
+private slots:
+    void initTestCase() { QVERIFY(dir_.isValid()); }
+    void cleanup() { sim_.reset(); }
+
+    void commands_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::addColumn<QString>("args"); // %f: a file in the work directory
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("check"); // what verify() looks at, or a text standard error holds
+        const auto both = [](const char* name, const char* args, int code, const char* what) {
+            for (const char* model : {"gnx134", "gnx234"})
+                QTest::addRow("%s %s", model, name)
+                    << QString(model) << QString(args) << code << QString(what);
+        };
+        both("info", "info", 0, "info");
+        both("info json", "info --json", 0, "info json");
+        both("time get", "time get", 0, "clock");
+        both("time sync", "time sync", 0, "synced");
+        both("send", "send TEST", 0, "reply");
+        both("flash jsonl", "flash read --format jsonl", 0, "jsonl");
+        both("flash csv", "flash read", 0, "csv");
+        both("flash npr file", "flash read --format npr -o %f", 0, "npr file");
+        both("flash erase", "flash erase --yes", 0, "erased");
+        both("monitor", "monitor --count 3 --format jsonl", 0, "live");
+        QTest::addRow("gnx234 mode bl") << "gnx234"
+                                        << "mode bl" << 0 << "to bootloader";
+        QTest::addRow("gnx234 bootloader") << "gnx234 bl"
+                                           << "info --json" << 0 << "bootloader";
+        // Bad input: usage and files.
+        QTest::addRow("no command") << "gnx234"
+                                    << "" << 2 << "gnxctl: no command given";
+        QTest::addRow("unknown command") << "gnx234"
+                                         << "flush" << 2 << "gnxctl: unknown command \"flush\"";
+        QTest::addRow("erase unconfirmed") << "gnx234"
+                                           << "flash erase" << 2 << "gnxctl: flash erase needs --yes";
+        QTest::addRow("bad format") << "gnx234"
+                                    << "flash read --format xml" << 2 << "unknown format \"xml\"";
+        QTest::addRow("stray argument") << "gnx234"
+                                        << "info now" << 2 << "unexpected argument \"now\"";
+        QTest::addRow("bad mode") << "gnx234"
+                                  << "mode fast" << 2 << "mode must be app or bl";
+        QTest::addRow("no settings file") << "gnx234"
+                                          << "--settings %f info" << 2 << "Unable to read settings file";
+        QTest::addRow("no formats file") << "gnx234"
+                                         << "flash read --formats %f" << 2 << "%f";
+        QTest::addRow("stalled") << "gnx234 stalled"
+                                 << "--settings %f info" << 1 << "Uart link timeout";
+    }
+
+    void commands()
+    {
+        QFETCH(QString, model);
+        QFETCH(QString, args);
+        QFETCH(int, code);
+        QFETCH(QString, check);
+        const QStringList how = model.split(' ');
+        QVERIFY(startSim(how[0], args.startsWith("monitor") ? 30 : 0, how.contains("bl")));
+        const QString file = dir_.filePath(QString(QTest::currentDataTag()).replace(' ', '_'));
+        QFile::remove(file);
+        if (how.contains("stalled")) {
+            QFile settings(file);
+            QVERIFY(settings.open(QIODevice::WriteOnly));
+            settings.write("[General]\nprintUartDebugInfo=0\nprintAtCmdDebugInfo=1\ngnxCommandTimeoutMs=300\n"
+                           "keepAliveTimeoutMs=500\nkeepAlivePeriodMs=0\nkeepChecksumErrorOnNprGnx134=0\n"
+                           "nprMessagesFormat=0\n");
+            settings.close();
+            sim_->setStalled(true);
+        }
+        QString line = args;
+        const Run r = gnxctl(withPort(line.replace("%f", file)));
+        QVERIFY2(r.code == code, qPrintable(QString("exit %1: %2").arg(r.code).arg(QString(r.err))));
+        const QString failed = verify(check == "%f" ? file : check, how[0], r, file);
+        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+    }
+
+    // Without --port: the only receiver found, or a list when there are several.
+    void discovery()
+    {
+        QVERIFY(startSim("gnx234"));
+        QCOMPARE(gnxctl({"info"}, port()).code, 0);
+        const Run several = gnxctl({"info"}, port() + ":" + dir_.path());
+        QCOMPARE(several.code, 3);
+        QVERIFY2(several.err.contains(port().toLatin1()) && several.err.contains("several receivers"),
+                 several.err);
+        const Run none = gnxctl({"--port", dir_.filePath("absent"), "info"});
+        QCOMPARE(none.code, 3);
+        const Run listed = gnxctl({"ports"}, port());
+        QCOMPARE(listed.out, (port() + "\t-\tGNX_EXTRA_PORTS\n").toLatin1());
+    }
+
+    void unplugged_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::newRow("flash read") << "flash read --format jsonl";
+        QTest::newRow("monitor") << "monitor --format jsonl";
+    }
+
+    // The receiver pulled out part-way: exit code 1, what was already taken written out.
+    void unplugged()
+    {
+        QFETCH(QString, command);
+        const bool monitor = command.startsWith("monitor");
+        gnxsim::Options o;
+        QVERIFY(startSim("gnx234", monitor ? 20 : 0, false, monitor ? 0 : 2000));
+        Run r;
+        if (monitor) {
+            r = gnxctl(withPort(command), {}, {}, "2", [&] { sim_->unplug(); });
+        } else {
+            r = gnxctl(withPort(command), {}, [&](const QByteArray& chunk) {
+                if (chunk.contains("Flash read: ") && !chunk.contains(": 0 of") && sim_->isPlugged())
+                    sim_->unplug();
+            });
+        }
+        QCOMPARE(r.code, 1);
+        const auto objects = jsonLines(r.out);
+        QVERIFY2(objects.size() >= (monitor ? 2 : 1), r.err);
+        QVERIFY(!objects.last()["time"].toString().isEmpty()); // whole lines only
+    }
+
+    // The command line links the core alone: no Gui, no Widgets.
+    void noGuiLibraries()
+    {
+        QProcess ldd;
+        ldd.start("ldd", {GNXCTL_PATH});
+        QVERIFY(ldd.waitForFinished(30000));
+        const QByteArray libraries = ldd.readAllStandardOutput();
+        QVERIFY(libraries.contains("libQt6Core"));
+        QVERIFY2(!libraries.contains("libQt6Gui") && !libraries.contains("libQt6Widgets"), libraries);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestGnxctl)
+#include "tst_gnxctl.moc"
