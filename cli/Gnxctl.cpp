@@ -53,6 +53,7 @@ void Gnxctl::addCommands()
 {
     addDeviceCommands();
     addFlashCommands();
+    addFileCommands();
 }
 
 void Gnxctl::addGlobalOptions(QCommandLineParser& parser) const

@@ -38,6 +38,7 @@ private:
     void addCommands();
     void addDeviceCommands();
     void addFlashCommands();
+    void addFileCommands();
     const Command* findCommand(const QStringList& words, int& used) const;
     QString overview() const;
     void addGlobalOptions(QCommandLineParser& parser) const;
@@ -62,6 +63,12 @@ private:
     void monitor(const QCommandLineParser& parser);
     void loadFormats(const QCommandLineParser& parser);
     std::map<int, QString> loadFavourites();
+    // The commands on files shared with the window.
+    void platformsExport(const QString& fileName);
+    void platformsImport(const QString& fileName, const QStringList& lines);
+    void formatsCheck(const QString& fileName);
+    void scriptRun(const QString& fileName, const QStringList& lines);
+    void scriptSave(const QString& fileName);
 
     QList<Command> commands_;
     std::unique_ptr<Com::GnxLink> link_;

@@ -2,6 +2,7 @@
 #include "ui/MainWindow.h"
 
 #include "com/PlatformCodec.h"
+#include "com/PlatformsFile.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui/FavoritesTab.h"
@@ -49,11 +50,6 @@ enum PlatformRole
 QString formatName(const GnxLink::PlatformInfo& platform)
 {
     return platform.gpsFormat ? platform.gpsFormat->name : QString();
-}
-
-int columnCount(GnxLink::GnxVersion_t version)
-{
-    return int(GnxLink::platformTitles().value(int(version)).size());
 }
 
 void setRow(QTableWidget* table, int row, const GnxLink::PlatformInfo& p)
@@ -212,44 +208,14 @@ void MainWindow::slotImportPlatformsInfo()
             MRL::Ui::Dialogs::instance().getOpenFileName(this, kPlatformsFileTitle, kPlatformsFileFilter);
         if (fileName.isEmpty())
             return;
-        QFile file(fileName);
-        if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-            throw MRL::Utils::Exception(QStringLiteral("Unable to open platforms file %1").arg(fileName), 2);
-
+        const QStringList lines = Com::PlatformsFile::readLines(fileName);
         QTableWidget* table = ui_->tableWidgetPlatforms;
         table->setSortingEnabled(false);
-        const GnxLink::GnxVersion_t version = gnxLink_->version();
-        const int columns = columnCount(version);
-        QStringList lines;
-        for (QTextStream in(&file); !in.atEnd();) {
-            const QString line = in.readLine();
-            if (!line.isEmpty() && !line.startsWith(QLatin1Char('#')))
-                lines << line;
-        }
-        int taken = 0;
         try {
             const Utils::JobScope scope(*job_, QStringLiteral("Platform import"), lines.size(),
                                         QStringLiteral("platforms"));
-            for (const QString& line : std::as_const(lines)) {
-                if (taken >= gnxLink_->maxPlatformsNumber())
-                    throw MRL::Utils::Exception(
-                        QStringLiteral("Unable to read import whole platform file %1, too many platforms.")
-                            .arg(fileName),
-                        2);
-                const QStringList fields = line.split(QLatin1Char(','));
-                if (fields.size() != columns)
-                    throw MRL::Utils::Exception(
-                        QStringLiteral(
-                            "Unable to read platforms file %1, wrong number of columns. Columns shoud be %2.")
-                            .arg(fileName)
-                            .arg(columns),
-                        2);
-                GnxLink::PlatformInfo p = Com::PlatformCodec::fromCsvFields(fields, version, fileName);
-                p.index = taken;
-                gnxLink_->setPlatformInfo(p, false);
-                if (!job_->advance(++taken))
-                    break;
-            }
+            Com::PlatformsFile::importLines(*gnxLink_, lines, fileName,
+                                            [this](int written) { return job_->advance(written); });
         } catch (...) {
             // What was written stays on the receiver: show it, if the receiver still answers.
             if (gnxLink_->isUsable())
@@ -275,8 +241,7 @@ void MainWindow::slotExportPlatformsInfo()
         QTableWidget* table = ui_->tableWidgetPlatforms;
         sortBySlot(table);
         QTextStream out(&file);
-        out << QStringLiteral("#,") << GnxLink::platformTitles().value(int(version)).join(QLatin1Char(','))
-            << '\n';
+        out << Com::PlatformsFile::header(version) << '\n';
         for (int row = 0; row < table->rowCount(); ++row)
             out << csvLine(table, row, version) << '\n';
         out.flush();

@@ -1,17 +1,15 @@
 // Main window, "Terminal" tab: typed commands and configuration scripts.
 #include "ui/MainWindow.h"
 
+#include "com/ScriptFile.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
 
-#include <QFile>
 #include <QSaveFile>
 #include <QSignalBlocker>
-#include <QTextStream>
 
-#include <algorithm>
 
 namespace OrviaGonioManager::Ui {
 
@@ -61,29 +59,6 @@ int platformRow(const QTableWidget& table, int index)
     return -1;
 }
 
-QStringList readScriptLines(const QString& fileName)
-{
-    QFile file(fileName);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        throw MRL::Utils::Exception(QStringLiteral("Unable to GNX script file %1").arg(fileName), 2);
-    QTextStream in(&file);
-    QStringList lines;
-    while (!in.atEnd())
-        lines << in.readLine();
-    return lines;
-}
-
-void writeScript(const QString& fileName, QSaveFile& file, const QStringList& frames)
-{
-    QTextStream out(&file);
-    for (const QString& frame : frames)
-        out << frame << '\n';
-    out.flush();
-    if (out.status() != QTextStream::Ok || !file.commit())
-        throw MRL::Utils::Exception(
-            QStringLiteral("Unable to write GNX script file %1 (%2)").arg(fileName, file.errorString()), 2);
-}
-
 } // namespace
 
 void MainWindow::slotSendManualGnxCmd()
@@ -98,9 +73,8 @@ void MainWindow::slotTerminalSaveScript()
             MRL::Ui::Dialogs::instance().getSaveFileName(this, scriptCaption, scriptFilter);
         if (fileName.isEmpty())
             return;
-        QSaveFile file(fileName);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
-            throw MRL::Utils::Exception(QStringLiteral("Unable to open GNX script file %1").arg(fileName), 2);
+        QSaveFile file;
+        Com::ScriptFile::open(file, fileName);
 
         QStringList frames;
         {
@@ -127,7 +101,7 @@ void MainWindow::slotTerminalSaveScript()
             }
             frames = recording.take();
         }
-        writeScript(fileName, file, frames);
+        Com::ScriptFile::write(file, fileName, frames);
     });
 }
 
@@ -138,28 +112,12 @@ void MainWindow::slotTerminalScript()
             MRL::Ui::Dialogs::instance().getOpenFileName(this, scriptCaption, scriptFilter);
         if (fileName.isEmpty())
             return;
-        const QStringList lines = readScriptLines(fileName);
-        const Utils::JobScope job(*job_, QStringLiteral("Script"),
-                                  std::count_if(lines.begin(), lines.end(),
-                                                [](const QString& line) { return line.startsWith('$'); }),
+        const QStringList lines = Com::ScriptFile::readLines(fileName);
+        const Utils::JobScope job(*job_, QStringLiteral("Script"), Com::ScriptFile::commandCount(lines),
                                   QStringLiteral("lines"));
-        int done = 0;
-        for (int i = 0; i < lines.size(); ++i) {
-            if (!lines[i].startsWith(QLatin1Char('$')))
-                continue;
-            try {
-                gnxLink_->sendManualCommand(lines[i]);
-            } catch (const MRL::Utils::Exception& e) {
-                const QString message =
-                    QStringLiteral("GNX script %1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message());
-                // Without a link every further line would fail the same way.
-                if (!gnxLink_->isUsable())
-                    throw MRL::Utils::Exception(message, e.severity());
-                showException(message);
-            }
-            if (!job_->advance(++done))
-                break;
-        }
+        Com::ScriptFile::play(
+            *gnxLink_, lines, fileName, [this](const QString& message) { showException(message); },
+            [this](int sent) { return job_->advance(sent); });
     });
 }
 

@@ -1,5 +1,6 @@
 // gnxctl end to end: the program run as a user runs it, against the emulator over a
 // pseudo-terminal. Outputs are parsed back, never compared as loose text.
+#include "sim/Firmware.h"
 #include "sim/PtySimulator.h"
 #include "utils/RxTableModel.h"
 
@@ -145,9 +146,34 @@ private:
         } else if (what == "live") {
             if (jsonLines(r.out).size() != 3 || jsonLines(r.out).value(2)["origin"].toString() != "live")
                 return r.out;
+        } else if (what == "platforms round trip") { // the file brings back the same slots
+            QStringList before;
+            for (int i = 0; i < 8; ++i)
+                before << sim_->platformSlot(i).join(',');
+            const Run import = gnxctl(withPort("platforms import " + file));
+            for (int i = 0; i < 8; ++i)
+                if (sim_->platformSlot(i).join(',') != before[i])
+                    return QString("slot %1 changed: %2").arg(i).arg(QString(import.err));
+        } else if (what == "script round trip") { // played back, every line reaches the receiver
+            QFile f(file);
+            f.open(QIODevice::ReadOnly);
+            const QList<QByteArray> lines = f.readAll().split('\n').mid(0, -1);
+            sim_->clearReceived();
+            const Run played = gnxctl(withPort("script run " + file));
+            if (played.code != 0 || lines.isEmpty() || !lines[0].startsWith("$SETUPSW,") ||
+                sim_->receivedLines().size() < lines.size() + 1) // the connection's own requests too
+                return QString("%1 lines, %2 received: %3")
+                    .arg(lines.size())
+                    .arg(sim_->receivedLines().size())
+                    .arg(QString(played.err));
+        } else if (what == "upgraded") {
+            if (sim_->applicationVersion() != "7.7.7")
+                return sim_->applicationVersion();
         } else if (what == "to bootloader") {
             if (sim_->mode() != gnxsim::Mode::Bl)
                 return "still in the application";
+        } else if (what == "wrong number of columns" && sim_->platformSlot(0).isEmpty()) {
+            return "the favourites were deleted for a bad file";
         } else if (!what.isEmpty() && !r.err.contains(what.toLatin1())) {
             return r.err;
         }
@@ -163,11 +189,12 @@ private slots:
         QTest::addColumn<QString>("model");
         QTest::addColumn<QString>("args"); // %f: a file in the work directory
         QTest::addColumn<int>("code");
-        QTest::addColumn<QString>("check"); // what verify() looks at, or a text standard error holds
+        QTest::addColumn<QString>("check");    // what verify() looks at, or a text standard error holds
+        QTest::addColumn<QByteArray>("input"); // written to %f first, when not empty
         const auto both = [](const char* name, const char* args, int code, const char* what) {
             for (const char* model : {"gnx134", "gnx234"})
                 QTest::addRow("%s %s", model, name)
-                    << QString(model) << QString(args) << code << QString(what);
+                    << QString(model) << QString(args) << code << QString(what) << QByteArray();
         };
         both("info", "info", 0, "info");
         both("info json", "info --json", 0, "info json");
@@ -179,29 +206,33 @@ private slots:
         both("flash npr file", "flash read --format npr -o %f", 0, "npr file");
         both("flash erase", "flash erase --yes", 0, "erased");
         both("monitor", "monitor --count 3 --format jsonl", 0, "live");
-        QTest::addRow("gnx234 mode bl") << "gnx234"
-                                        << "mode bl" << 0 << "to bootloader";
-        QTest::addRow("gnx234 bootloader") << "gnx234 bl"
-                                           << "info --json" << 0 << "bootloader";
+        both("platforms", "platforms export %f", 0, "platforms round trip");
+        both("script", "script save %f", 0, "script round trip");
+        const auto row = [](const char* name, const char* model, const char* args, int code, const char* what,
+                            const QByteArray& input = {}) {
+            QTest::newRow(name) << QString(model) << QString(args) << code << QString(what) << input;
+        };
+        row("gnx234 mode bl", "gnx234", "mode bl", 0, "to bootloader");
+        row("gnx234 bootloader", "gnx234 bl", "info --json", 0, "bootloader");
+        row("gnx234 bl firmware", "gnx234 bl", "firmware upload %f", 0, "upgraded",
+            gnxsim::Firmware::vanFile(gnxsim::Model::Gnx234, "7.7.7", 20));
         // Bad input: usage and files.
-        QTest::addRow("no command") << "gnx234"
-                                    << "" << 2 << "gnxctl: no command given";
-        QTest::addRow("unknown command") << "gnx234"
-                                         << "flush" << 2 << "gnxctl: unknown command \"flush\"";
-        QTest::addRow("erase unconfirmed") << "gnx234"
-                                           << "flash erase" << 2 << "gnxctl: flash erase needs --yes";
-        QTest::addRow("bad format") << "gnx234"
-                                    << "flash read --format xml" << 2 << "unknown format \"xml\"";
-        QTest::addRow("stray argument") << "gnx234"
-                                        << "info now" << 2 << "unexpected argument \"now\"";
-        QTest::addRow("bad mode") << "gnx234"
-                                  << "mode fast" << 2 << "mode must be app or bl";
-        QTest::addRow("no settings file") << "gnx234"
-                                          << "--settings %f info" << 2 << "Unable to read settings file";
-        QTest::addRow("no formats file") << "gnx234"
-                                         << "flash read --formats %f" << 2 << "%f";
-        QTest::addRow("stalled") << "gnx234 stalled"
-                                 << "--settings %f info" << 1 << "Uart link timeout";
+        row("no command", "gnx234", "", 2, "gnxctl: no command given");
+        row("unknown command", "gnx234", "flush", 2, "gnxctl: unknown command \"flush\"");
+        row("erase unconfirmed", "gnx234", "flash erase", 2, "gnxctl: flash erase needs --yes");
+        row("bad format", "gnx234", "flash read --format xml", 2, "unknown format \"xml\"");
+        row("stray argument", "gnx234", "info now", 2, "unexpected argument \"now\"");
+        row("bad mode", "gnx234", "mode fast", 2, "mode must be app or bl");
+        row("no settings file", "gnx234", "--settings %f info", 2, "Unable to read settings file");
+        row("no formats file", "gnx234", "flash read --formats %f", 2, "%f");
+        row("bad platforms file", "gnx234", "platforms import %f", 2, "wrong number of columns",
+            "12345,Buoy\n");
+        row("no script file", "gnx234", "script run %f", 2, "Unable to GNX script file");
+        row("bad formats file", "gnx234", "formats check %f", 2, ":2: not a GPS format line", "1\nbad#\n");
+        row("stalled", "gnx234 stalled", "--settings %f info", 1, "Uart link timeout",
+            "[General]\nprintUartDebugInfo=0\nprintAtCmdDebugInfo=1\ngnxCommandTimeoutMs=300\n"
+            "keepAliveTimeoutMs=500\nkeepAlivePeriodMs=0\nkeepChecksumErrorOnNprGnx134=0\nnprMessagesFormat="
+            "0\n");
     }
 
     void commands()
@@ -210,19 +241,17 @@ private slots:
         QFETCH(QString, args);
         QFETCH(int, code);
         QFETCH(QString, check);
+        QFETCH(QByteArray, input);
         const QStringList how = model.split(' ');
         QVERIFY(startSim(how[0], args.startsWith("monitor") ? 30 : 0, how.contains("bl")));
         const QString file = dir_.filePath(QString(QTest::currentDataTag()).replace(' ', '_'));
         QFile::remove(file);
-        if (how.contains("stalled")) {
-            QFile settings(file);
-            QVERIFY(settings.open(QIODevice::WriteOnly));
-            settings.write("[General]\nprintUartDebugInfo=0\nprintAtCmdDebugInfo=1\ngnxCommandTimeoutMs=300\n"
-                           "keepAliveTimeoutMs=500\nkeepAlivePeriodMs=0\nkeepChecksumErrorOnNprGnx134=0\n"
-                           "nprMessagesFormat=0\n");
-            settings.close();
-            sim_->setStalled(true);
+        if (!input.isEmpty()) {
+            QFile f(file);
+            QVERIFY(f.open(QIODevice::WriteOnly) && f.write(input) == input.size());
         }
+        if (how.contains("stalled"))
+            sim_->setStalled(true);
         QString line = args;
         const Run r = gnxctl(withPort(line.replace("%f", file)));
         QVERIFY2(r.code == code, qPrintable(QString("exit %1: %2").arg(r.code).arg(QString(r.err))));
