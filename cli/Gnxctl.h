@@ -7,6 +7,7 @@
 #include "utils/RxTableModel.h"
 
 #include <QCommandLineParser>
+#include <QJsonObject>
 #include <QStringList>
 
 #include <functional>
@@ -53,6 +54,8 @@ private:
     // The device commands.
     void ports();
     void info(bool json);
+    void setupGet(bool json);
+    void setupSet(const QString& fileName, const QJsonObject& wanted);
     void timeGet();
     void timeSync();
     void send(const QString& command);

@@ -2,10 +2,12 @@
 #include "cli/Gnxctl.h"
 
 #include "com/ComManager.h"
+#include "com/SetupJson.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/Exception.h"
 
 #include <QDateTime>
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMetaEnum>
@@ -52,6 +54,30 @@ void Gnxctl::addDeviceCommands()
                              connectReceiver(p);
                              info(p.isSet(QStringLiteral("json")));
                          }};
+    commands_ << Command{QStringLiteral("setup get"), QStringLiteral("gnxctl setup get [--json]"),
+                         QStringLiteral("Both setups of the receiver."), json, [this](QCommandLineParser& p) {
+                             positional(p, skipWords_, 0, {});
+                             connectReceiver(p);
+                             setupGet(p.isSet(QStringLiteral("json")));
+                         }};
+    commands_ << Command{
+        QStringLiteral("setup set"), QStringLiteral("gnxctl setup set FILE.json"),
+        QStringLiteral("Writes the setup fields of the file (the layout of \"setup get --json\"), "
+                       "reads them back and checks that each took."),
+        none, [this](QCommandLineParser& p) {
+            const QString file = positional(p, skipWords_, 1, QStringLiteral("one file")).first();
+            QFile f(file);
+            if (!f.open(QIODevice::ReadOnly))
+                throw CliError{EXIT_USAGE, QStringLiteral("Unable to open setup file %1").arg(file)};
+            QJsonParseError error;
+            const QJsonDocument doc = QJsonDocument::fromJson(f.readAll(), &error);
+            if (!doc.isObject())
+                throw CliError{EXIT_USAGE, QStringLiteral("%1: not a JSON object (%2 at byte %3)")
+                                               .arg(file, error.errorString())
+                                               .arg(error.offset)};
+            connectReceiver(p);
+            setupSet(file, doc.object());
+        }};
     commands_ << Command{QStringLiteral("time get"), QStringLiteral("gnxctl time get"),
                          QStringLiteral("The receiver's clock, UTC."), none, [this](QCommandLineParser& p) {
                              positional(p, skipWords_, 0, {});
@@ -132,6 +158,42 @@ void Gnxctl::info(bool json)
         text += fields[i].first + QStringLiteral(": ") + fields[i].second.toVariant().toString() +
                 QLatin1Char('\n');
     out(text);
+}
+
+void Gnxctl::setupGet(bool json)
+{
+    const QJsonObject setups = Com::SetupJson::toJson(link_->getSetupSoftware(), link_->getSetupHardware());
+    if (json) {
+        out(QString::fromUtf8(QJsonDocument(setups).toJson(QJsonDocument::Compact)) + QLatin1Char('\n'));
+        return;
+    }
+    QString text;
+    for (const QString& group : {QStringLiteral("software"), QStringLiteral("hardware")}) {
+        const QJsonObject o = setups.value(group).toObject();
+        for (auto it = o.begin(); it != o.end(); ++it)
+            text += group + QLatin1Char('.') + it.key() + QStringLiteral(": ") +
+                    it.value().toVariant().toString() + QLatin1Char('\n');
+    }
+    out(text);
+}
+
+void Gnxctl::setupSet(const QString& fileName, const QJsonObject& wanted)
+{
+    GnxLink::SetupSoftware software = link_->getSetupSoftware();
+    GnxLink::SetupHardware hardware = link_->getSetupHardware();
+    try {
+        Com::SetupJson::apply(wanted, software, hardware);
+    } catch (const MRL::Utils::Exception& e) {
+        throw CliError{EXIT_USAGE, fileName + QStringLiteral(": ") + e.message()};
+    }
+    link_->setSetupSoftware(software);
+    link_->setSetupHardware(hardware);
+    const QJsonObject got = Com::SetupJson::toJson(link_->getSetupSoftware(), link_->getSetupHardware());
+    const QStringList refused = Com::SetupJson::differences(Com::SetupJson::toJson(software, hardware), got);
+    if (!refused.isEmpty())
+        throw CliError{
+            EXIT_DEVICE,
+            QStringLiteral("the receiver did not take %1").arg(refused.join(QStringLiteral(", ")))};
 }
 
 void Gnxctl::timeGet()

@@ -166,6 +166,15 @@ private:
                     .arg(lines.size())
                     .arg(sim_->receivedLines().size())
                     .arg(QString(played.err));
+        } else if (what == "setups" || what == "setups written") {
+            const QJsonObject o =
+                QJsonDocument::fromJson(what == "setups" ? r.out : gnxctl(withPort("setup get --json")).out)
+                    .object();
+            const QJsonObject sw = o["software"].toObject(), hw = o["hardware"].toObject();
+            if (!sw.contains("contrast") || !hw.contains("cableLength") ||
+                (what == "setups written" &&
+                 (sw["contrast"].toInt() != 7 || hw["cableLength"].toInt() != 12)))
+                return r.out;
         } else if (what == "upgraded") {
             if (sim_->applicationVersion() != "7.7.7")
                 return sim_->applicationVersion();
@@ -206,12 +215,17 @@ private slots:
         both("flash npr file", "flash read --format npr -o %f", 0, "npr file");
         both("flash erase", "flash erase --yes", 0, "erased");
         both("monitor", "monitor --count 3 --format jsonl", 0, "live");
+        both("setup get", "setup get --json", 0, "setups");
         both("platforms", "platforms export %f", 0, "platforms round trip");
         both("script", "script save %f", 0, "script round trip");
         const auto row = [](const char* name, const char* model, const char* args, int code, const char* what,
                             const QByteArray& input = {}) {
             QTest::newRow(name) << QString(model) << QString(args) << code << QString(what) << input;
         };
+        row("gnx234 setup set", "gnx234", "setup set %f", 0, "setups written",
+            R"({"software": {"contrast": 7}, "hardware": {"cableLength": 12}})");
+        row("bad setup file", "gnx234", "setup set %f", 2, "software.loudness: no such field",
+            R"({"software": {"loudness": 7}})");
         row("gnx234 mode bl", "gnx234", "mode bl", 0, "to bootloader");
         row("gnx234 bootloader", "gnx234 bl", "info --json", 0, "bootloader");
         row("gnx234 bl firmware", "gnx234 bl", "firmware upload %f", 0, "upgraded",
