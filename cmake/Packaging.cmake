@@ -7,7 +7,7 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 install(TARGETS OrviaGonioManager RUNTIME DESTINATION lib/${OGM_PACKAGE})
-install(TARGETS gnxsim RUNTIME DESTINATION bin)
+install(TARGETS gnxsim gnxctl RUNTIME DESTINATION bin)
 install(PROGRAMS ${OGM_PACKAGING}/${OGM_PACKAGE} DESTINATION bin)
 install(FILES ${CMAKE_SOURCE_DIR}/Data/format.vtl DESTINATION share/${OGM_PACKAGE})
 install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.desktop DESTINATION share/applications)
@@ -18,7 +18,7 @@ install(FILES ${OGM_PACKAGING}/copyright DESTINATION share/doc/${OGM_PACKAGE})
 
 # Manual pages and the changelog, compressed as Debian wants them: best, and without a timestamp.
 set(OGM_COMPRESSED)
-foreach(source man/orvia-gonio-manager.1 man/OrviaGonioManager.1 man/gnxsim.1 changelog)
+foreach(source man/orvia-gonio-manager.1 man/OrviaGonioManager.1 man/gnxsim.1 man/gnxctl.1 changelog)
     get_filename_component(name ${source} NAME)
     set(out ${CMAKE_BINARY_DIR}/packaging/${name}.gz)
     add_custom_command(OUTPUT ${out}
