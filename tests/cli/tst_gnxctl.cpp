@@ -317,6 +317,28 @@ private slots:
         QVERIFY(!objects.last()["time"].toString().isEmpty()); // whole lines only
     }
 
+    void brokenPipe_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::newRow("monitor") << "monitor --format npr";
+        QTest::newRow("flash read") << "flash read --format csv";
+    }
+
+    // A reader that stops early, as `monitor | head` does: a quiet end with code 0.
+    void brokenPipe()
+    {
+        QFETCH(QString, command);
+        QVERIFY(startSim("gnx234", command.startsWith("monitor") ? 20 : 0, false, 2000));
+        QProcess shell;
+        shell.start("bash", {"-c", "set -o pipefail; \"$0\" --port \"$1\" " + command + " | head -n 2",
+                             GNXCTL_PATH, port()});
+        QVERIFY(shell.waitForFinished(60000));
+        QCOMPARE(lineCount(shell.readAllStandardOutput()), 2);
+        const QByteArray err = shell.readAllStandardError();
+        QVERIFY2(!err.contains("gnxctl:"), err); // progress lines only
+        QCOMPARE(shell.exitCode(), 0);
+    }
+
     // The command line links the core alone: no Gui, no Widgets.
     void noGuiLibraries()
     {
