@@ -1,11 +1,8 @@
 // The settings file: any bytes in "OrviaGonioManager.ini", loaded as at start-up (a missing or
 // partial file is rewritten with defaults), then loaded again: the second load keeps the values.
+#include "FuzzFile.h"
 #include "app/Settings.h"
 #include "mrl/utils/Exception.h"
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <cstdlib>
 
@@ -21,16 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static const auto previous = qInstallMessageHandler(quiet); // "Load default values" every run
     (void)previous;
-    // In memory where the system has it: a run is a file written and read twice.
-    static QTemporaryDir dir(QDir(QStringLiteral("/dev/shm")).exists()
-                                 ? QStringLiteral("/dev/shm/ogm-fuzz-XXXXXX")
-                                 : QDir::tempPath() + QStringLiteral("/ogm-fuzz-XXXXXX"));
-    const QString path = dir.filePath(QStringLiteral("OrviaGonioManager.ini"));
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    const QString path = fuzzFile(QStringLiteral("OrviaGonioManager.ini"), data, size);
+    if (path.isEmpty())
         return 0;
-    file.write(reinterpret_cast<const char*>(data), qint64(size));
-    file.close();
     try {
         Settings first{QFileInfo(path)};
         first.load();
