@@ -11,6 +11,7 @@ enum ExitCode
     EXIT_DEVICE = 1, // the device answered with an error, or a request timed out
     EXIT_USAGE = 2,  // usage, or a bad input file
     EXIT_PORT = 3,   // no receiver, several, or the port cannot be opened
+    EXIT_STREAM = 4, // the MQTT broker refused the station, or the spool cannot be written
 };
 
 // A failure that ends the program with its code; the message goes to standard error.

@@ -19,7 +19,8 @@ const char* const kExitCodes = "\nExit codes:\n"
                                "  0  done\n"
                                "  1  the device answered with an error, or a request timed out\n"
                                "  2  usage, or a bad input file\n"
-                               "  3  no receiver, several receivers, or the port cannot be opened\n";
+                               "  3  no receiver, several receivers, or the port cannot be opened\n"
+                               "  4  the MQTT broker refused the station, or the spool cannot be written\n";
 
 // Core messages (requests sent, progress lines) are for --verbose only.
 bool g_verbose = false;
@@ -159,15 +160,33 @@ void Gnxctl::out(const QString& text)
     std::fflush(stdout);
 }
 
+QStringList Gnxctl::foundPorts()
+{
+    QStringList found;
+    for (const auto& p : Com::ComManager::systemPorts())
+        if (p.vendorId == Com::ComManager::kGnxVendorId && p.productId == Com::ComManager::kGnxProductId)
+            found << p.systemLocation;
+    return found + Com::ComManager::extraPortPaths();
+}
+
+QString Gnxctl::serialOf(const Com::GnxLink::GnxDeviceInfo& d)
+{
+    return QStringLiteral("%1-%2").arg(d.serialNumberPart1, d.serialNumberPart2);
+}
+
 void Gnxctl::connectReceiver(const QCommandLineParser& parser)
 {
     QString port = parser.value(QStringLiteral("port"));
+    const QString serial = parser.optionNames().contains(QStringLiteral("serial"))
+                               ? parser.value(QStringLiteral("serial"))
+                               : QString();
     if (port.isEmpty()) {
-        QStringList found;
-        for (const auto& p : Com::ComManager::systemPorts())
-            if (p.vendorId == Com::ComManager::kGnxVendorId && p.productId == Com::ComManager::kGnxProductId)
-                found << p.systemLocation;
-        found << Com::ComManager::extraPortPaths();
+        const QStringList found = foundPorts();
+        if (!serial.isEmpty()) {
+            if (findReceiver(found, serial))
+                return;
+            throw CliError{EXIT_PORT, QStringLiteral("no receiver with serial number %1 found").arg(serial)};
+        }
         if (found.size() != 1)
             throw CliError{EXIT_PORT, found.isEmpty() ? QStringLiteral("no receiver found")
                                                       : QStringLiteral("several receivers found, pick one "
@@ -175,9 +194,34 @@ void Gnxctl::connectReceiver(const QCommandLineParser& parser)
                                                             found.join(QStringLiteral("\n  "))};
         port = found.first();
     }
+    openReceiver(port);
+    if (!serial.isEmpty() && serialOf(device_) != serial)
+        throw CliError{
+            EXIT_PORT,
+            QStringLiteral("the receiver on %1 is %2, not %3").arg(port, serialOf(device_), serial)};
+}
+
+bool Gnxctl::findReceiver(const QStringList& ports, const QString& serial)
+{
+    for (const QString& port : ports) {
+        try {
+            openReceiver(port);
+            if (serialOf(device_) == serial)
+                return true;
+        } catch (const CliError&) {
+            // Not there, or not answering: the next one.
+        }
+        link_.reset();
+    }
+    return false;
+}
+
+void Gnxctl::openReceiver(const QString& port)
+{
     if (!QFileInfo::exists(port))
         throw CliError{EXIT_PORT, QStringLiteral("no port %1").arg(port)};
     link_ = std::make_unique<Com::GnxLink>();
+    lastLinkError_.clear();
     QObject::connect(link_.get(), &Com::GnxLink::sigLinkCompromised,
                      [this](const QString&, const QString& message) { lastLinkError_ = message; });
     link_->openConnection(port);

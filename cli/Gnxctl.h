@@ -46,6 +46,12 @@ private:
 
     // The receiver named by --port, or the only one found; opened and identified.
     void connectReceiver(const QCommandLineParser& parser);
+    void openReceiver(const QString& port);
+    // Opens each port in turn until the receiver with this serial number answers.
+    bool findReceiver(const QStringList& ports, const QString& serial);
+    static QStringList foundPorts();
+    static QString serialOf(const Com::GnxLink::GnxDeviceInfo& d);
+    static QJsonObject identification(const Com::GnxLink::GnxDeviceInfo& d);
     [[noreturn]] void failDevice(const MRL::Utils::Exception& e);
     static QStringList positional(const QCommandLineParser& parser, int skip, int count,
                                   const QString& names);
@@ -64,6 +70,8 @@ private:
     void flashRead(const QCommandLineParser& parser);
     void flashErase(bool confirmed);
     void monitor(const QCommandLineParser& parser);
+    static void addStationOptions(QCommandLineParser& parser);
+    void monitorMqtt(const QCommandLineParser& parser);
     void loadFormats(const QCommandLineParser& parser);
     std::map<int, QString> loadFavourites();
     // The commands on files shared with the window.

@@ -125,14 +125,22 @@ void Gnxctl::ports()
     out(text);
 }
 
+QJsonObject Gnxctl::identification(const GnxLink::GnxDeviceInfo& d)
+{
+    return {{QStringLiteral("model"), modelName(d.version)},
+            {QStringLiteral("mode"), modeName(d.mode)},
+            {QStringLiteral("applicationVersion"), d.applicationVersion},
+            {QStringLiteral("fpgaVersion"), d.fpgaVersion},
+            {QStringLiteral("bootloaderVersion"), d.bootloaderVersion}};
+}
+
 void Gnxctl::info(bool json)
 {
     const auto& d = device_;
     const QList<QPair<QString, QJsonValue>> fields{
         {QStringLiteral("model"), modelName(d.version)},
         {QStringLiteral("mode"), modeName(d.mode)},
-        {QStringLiteral("serialNumber"),
-         QStringLiteral("%1-%2").arg(d.serialNumberPart1, d.serialNumberPart2)},
+        {QStringLiteral("serialNumber"), serialOf(d)},
         {QStringLiteral("applicationVersion"), d.applicationVersion},
         {QStringLiteral("fpgaVersion"), d.fpgaVersion},
         {QStringLiteral("bootloaderVersion"), d.bootloaderVersion},

@@ -84,19 +84,26 @@ void Gnxctl::addFlashCommands()
                              flashErase(true);
                          }};
     commands_ << Command{QStringLiteral("monitor"),
-                         QStringLiteral("gnxctl monitor [--format csv|jsonl|npr] [--count N] [--duration S]"),
-                         QStringLiteral("Live reception until Ctrl-C; each message is flushed as it comes."),
+                         QStringLiteral("gnxctl monitor [--format csv|jsonl|npr] [--count N] [--duration S] "
+                                        "[--mqtt URL]"),
+                         QStringLiteral("Live reception until Ctrl-C; each message is flushed as it comes. "
+                                        "With --mqtt, a station that publishes to a broker."),
                          [](QCommandLineParser& p) {
                              addOutputOptions(p);
                              p.addOption({QStringLiteral("count"), QStringLiteral("Stop after N messages."),
                                           QStringLiteral("N")});
                              p.addOption({QStringLiteral("duration"), QStringLiteral("Stop after S seconds."),
                                           QStringLiteral("S")});
+                             addStationOptions(p);
                          },
                          [this](QCommandLineParser& p) {
                              positional(p, skipWords_, 0, {});
                              outputFormat(p);
                              loadFormats(p);
+                             if (p.isSet(QStringLiteral("mqtt"))) {
+                                 monitorMqtt(p);
+                                 return;
+                             }
                              connectReceiver(p);
                              monitor(p);
                          }};

@@ -10,6 +10,7 @@ packages=(
     clang libclang-rt-14-dev
     xvfb xauth imagemagick
     dpkg-dev fakeroot lintian desktop-file-utils appstream
+    libmosquitto-dev mosquitto mosquitto-clients
 )
 
 missing=()

@@ -1,0 +1,194 @@
+// gnxctl: monitor --mqtt, a station that streams one receiver to a broker and keeps running
+// through unplugs and broker restarts.
+#include "cli/Gnxctl.h"
+
+#include "cli/MqttStation.h"
+#include "cli/StopSignal.h"
+#include "stream/MqttUrl.h"
+#include "utils/RxJson.h"
+
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QStandardPaths>
+#include <QSysInfo>
+#include <QTimer>
+
+#include <optional>
+
+namespace OrviaGonioManager::Cli {
+
+using Com::GnxLink;
+
+namespace {
+
+constexpr int kReceiverRetryMs = 2000;
+
+QString defaultSpool()
+{
+    QString state = qEnvironmentVariable("XDG_STATE_HOME");
+    if (state.isEmpty())
+        state = QDir::homePath() + QStringLiteral("/.local/state");
+    return state + QStringLiteral("/gnxctl");
+}
+
+// From --mqtt-auth (the user, then the password, one a line) or the environment; never from the
+// command line, where every user of the machine could read them.
+void readCredentials(const QCommandLineParser& p, Stream::MqttClient::Options& o)
+{
+    const QString path = p.value(QStringLiteral("mqtt-auth"));
+    if (path.isEmpty()) {
+        o.user = qEnvironmentVariable("GNXCTL_MQTT_USER");
+        o.password = qEnvironmentVariable("GNXCTL_MQTT_PASSWORD");
+        return;
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        throw CliError{EXIT_USAGE, QStringLiteral("cannot read the credentials file %1").arg(path)};
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    o.user = lines.value(0).trimmed();
+    o.password = lines.value(1);
+    if (o.user.isEmpty())
+        throw CliError{EXIT_USAGE, QStringLiteral("%1, line 1: no user name").arg(path)};
+}
+
+MqttStation::Options stationOptions(const QCommandLineParser& p)
+{
+    MqttStation::Options o;
+    try {
+        o.client.url = Stream::MqttUrl::parse(p.value(QStringLiteral("mqtt")));
+    } catch (const MRL::Utils::Exception& e) {
+        throw CliError{EXIT_USAGE, e.message()};
+    }
+    readCredentials(p, o.client);
+    o.client.caFile = p.value(QStringLiteral("mqtt-ca"));
+    if (!o.client.caFile.isEmpty() && !QFile::exists(o.client.caFile))
+        throw CliError{EXIT_USAGE, QStringLiteral("no CA file %1").arg(o.client.caFile)};
+    o.client.insecure = p.isSet(QStringLiteral("mqtt-insecure"));
+    o.station = p.isSet(QStringLiteral("station")) ? p.value(QStringLiteral("station"))
+                                                   : qEnvironmentVariable("GNXCTL_STATION");
+    if (o.station.isEmpty())
+        o.station = QSysInfo::machineHostName();
+    o.spoolDir = p.isSet(QStringLiteral("spool")) ? p.value(QStringLiteral("spool")) : defaultSpool();
+    bool ok = true;
+    const double mb =
+        p.isSet(QStringLiteral("spool-max")) ? p.value(QStringLiteral("spool-max")).toDouble(&ok) : 512;
+    if (!ok || mb <= 0)
+        throw CliError{EXIT_USAGE, QStringLiteral("--spool-max takes a positive number of megabytes")};
+    o.spoolMaxBytes = qint64(mb * 1024 * 1024);
+    return o;
+}
+
+} // namespace
+
+void Gnxctl::addStationOptions(QCommandLineParser& p)
+{
+    p.addOptions({
+        {QStringLiteral("mqtt"),
+         QStringLiteral("Publish to the broker at URL: mqtt://host[:port]/prefix, or mqtts:// for TLS."),
+         QStringLiteral("URL")},
+        {QStringLiteral("mqtt-auth"),
+         QStringLiteral("The broker's user name and password, one a line (else GNXCTL_MQTT_USER and "
+                        "GNXCTL_MQTT_PASSWORD)."),
+         QStringLiteral("FILE")},
+        {QStringLiteral("mqtt-ca"), QStringLiteral("CA certificates for mqtts:// (the system's without it)."),
+         QStringLiteral("FILE")},
+        {QStringLiteral("mqtt-insecure"), QStringLiteral("Do not check the broker's TLS certificate.")},
+        {QStringLiteral("station"),
+         QStringLiteral("The station's name in each message (else GNXCTL_STATION, else the host name)."),
+         QStringLiteral("NAME")},
+        {QStringLiteral("spool"),
+         QStringLiteral("Where messages wait for the broker (default $XDG_STATE_HOME/gnxctl)."),
+         QStringLiteral("DIR")},
+        {QStringLiteral("spool-max"), QStringLiteral("The spool's bound in MB (default 512)."),
+         QStringLiteral("MB")},
+        {QStringLiteral("serial"), QStringLiteral("The receiver with this serial number, as info shows it."),
+         QStringLiteral("SERIAL")},
+    });
+}
+
+void Gnxctl::monitorMqtt(const QCommandLineParser& parser)
+{
+    const MqttStation::Options options = stationOptions(parser);
+    bool ok = true;
+    const qint64 count =
+        parser.isSet(QStringLiteral("count")) ? parser.value(QStringLiteral("count")).toLongLong(&ok) : -1;
+    if (!ok || count == 0)
+        throw CliError{EXIT_USAGE, QStringLiteral("--count takes a positive number")};
+    const double duration = parser.isSet(QStringLiteral("duration"))
+                                ? parser.value(QStringLiteral("duration")).toDouble(&ok)
+                                : -1;
+    if (!ok || duration == 0)
+        throw CliError{EXIT_USAGE, QStringLiteral("--duration takes a positive number of seconds")};
+    connectReceiver(parser);
+    const QString serial = serialOf(device_);
+    const QString boot =
+        QString::number(QRandomGenerator::system()->generate64(), 16).rightJustified(16, QLatin1Char('0'));
+    MqttStation station(options, serial, boot);
+
+    QEventLoop loop;
+    std::optional<CliError> failure;
+    qint64 published = 0;
+    const auto stop = [&] { loop.quit(); };
+    const auto fail = [&](const CliError& e) {
+        failure = e;
+        stop();
+    };
+    QTimer retry;
+    retry.setInterval(kReceiverRetryMs);
+
+    std::function<void()> attach = [&] {
+        loadFavourites();
+        QObject::connect(link_.get(), &GnxLink::sigOrviaMessageReceived, &loop,
+                         [&](const Com::OrviaRxMessage_t& m, GnxLink::RxOrigin_t origin) {
+                             try {
+                                 station.publish(Utils::rxJson(
+                                     rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber())));
+                             } catch (const CliError& e) {
+                                 fail(e);
+                             }
+                             if (++published == count)
+                                 stop();
+                         });
+        QObject::connect(link_.get(), &GnxLink::sigLinkCompromised, &loop, [&] {
+            if (retry.isActive())
+                return;
+            station.receiverLost();
+            retry.start();
+            QTimer::singleShot(0, &loop, [&] { link_.reset(); }); // not from inside its own signal
+        });
+        link_->setLiveRxEnabled(true);
+        station.receiverOnline(identification(device_));
+    };
+    QObject::connect(&retry, &QTimer::timeout, &loop, [&] {
+        const QString port = parser.value(QStringLiteral("port"));
+        if (!findReceiver(port.isEmpty() ? foundPorts() : QStringList{port}, serial))
+            return;
+        retry.stop();
+        try {
+            attach();
+        } catch (const MRL::Utils::Exception&) {
+            link_.reset(); // gone again at once: keep waiting
+            retry.start();
+        }
+    });
+    QObject::connect(&station, &MqttStation::sigRefused, &loop, [&](const QString& reason) {
+        fail({EXIT_STREAM, QStringLiteral("the MQTT broker refused the station: %1").arg(reason)});
+    });
+    StopSignal signal;
+    QObject::connect(&signal, &StopSignal::sigStop, &loop, stop);
+    if (duration > 0)
+        QTimer::singleShot(qint64(duration * 1000), &loop, stop);
+
+    station.start();
+    attach();
+    loop.exec();
+    if (link_)
+        QObject::disconnect(link_.get(), nullptr, &loop, nullptr); // nothing more comes in while draining
+    station.stop();
+    if (failure)
+        throw *failure;
+}
+
+} // namespace OrviaGonioManager::Cli

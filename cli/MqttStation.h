@@ -1,0 +1,76 @@
+#pragma once
+
+#include "stream/MqttClient.h"
+#include "stream/Spool.h"
+
+#include <QJsonObject>
+#include <QLockFile>
+#include <QTimer>
+
+#include <map>
+#include <memory>
+
+namespace OrviaGonioManager::Cli {
+
+// One receiver's messages on their way to a broker: each goes to the spool first and leaves it
+// once the broker has acknowledged it; the retained status tells online, no-receiver, offline,
+// and, through the last will, lost.
+class MqttStation : public QObject
+{
+    Q_OBJECT
+
+public:
+    struct Options
+    {
+        Stream::MqttClient::Options client; // the will and the client id are set here
+        QString station;
+        QString spoolDir; // the receiver's own spool is a folder of it, named by its serial number
+        qint64 spoolMaxBytes = 512LL * 1024 * 1024;
+    };
+
+    // Opens the spool; throws CliError when it is in use or cannot be written.
+    MqttStation(const Options& options, const QString& serial, const QString& boot);
+    ~MqttStation() override;
+
+    void start();
+    // The receiver answers: its identification (model, mode, versions) goes in the status.
+    void receiverOnline(const QJsonObject& identification);
+    void receiverLost();
+    // Spools one message (the JSON Lines object) and sends what the broker can take.
+    void publish(QJsonObject rx);
+    // Publishes "offline", waits a little for the broker to take it, and puts the spool on disk.
+    void stop();
+
+signals:
+    void sigRefused(const QString& reason);
+
+private:
+    void publishStatus();
+    void pump();
+    void acked(int mid);
+    void connected();
+    void disconnected(const QString& reason);
+    static void say(const QString& text);
+    // Runs events until done() or ms have passed.
+    bool waitFor(const std::function<bool()>& done, int ms);
+
+    Options options_;
+    QString serial_;
+    QString boot_;
+    QByteArray rxTopic_;
+    QByteArray statusTopic_;
+    QLockFile lock_;
+    std::unique_ptr<Stream::Spool> spool_;
+    std::unique_ptr<Stream::MqttClient> client_;
+    std::map<int, qint64> inflight_; // message id -> number
+    std::map<qint64, bool> pending_; // sent numbers -> acknowledged
+    QString state_;                  // none until the receiver first answers
+    QJsonObject identification_;
+    QJsonObject last_; // the last message
+    qint64 published_ = 0;
+    int statusMid_ = -1;
+    bool statusAcked_ = false;
+    QTimer refresh_;
+};
+
+} // namespace OrviaGonioManager::Cli

@@ -1,0 +1,147 @@
+#pragma once
+// A real mosquitto on 127.0.0.1 and a free port, with a configuration written here; and a
+// mosquitto_sub that collects what it receives, one "topic payload" a line.
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace TestSupport {
+
+inline int freePort()
+{
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof a;
+    ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &length);
+    ::close(s);
+    return ntohs(a.sin_port);
+}
+
+class Broker
+{
+public:
+    // With a user, the broker takes that user and password only.
+    explicit Broker(const QString& user = {}, const QString& password = {}) : port_(freePort())
+    {
+        QString conf = QStringLiteral("listener %1 127.0.0.1\npersistence true\npersistence_location %2/\n"
+                                      "log_dest stderr\nuser %3\n")
+                           .arg(port_)
+                           .arg(dir_.path(), QString::fromLocal8Bit(::getpwuid(::getuid())->pw_name));
+        if (user.isEmpty()) {
+            conf += QStringLiteral("allow_anonymous true\n");
+        } else {
+            const QString passwords = dir_.filePath(QStringLiteral("passwords"));
+            QFile(passwords).open(QIODevice::WriteOnly);
+            QProcess::execute(QStringLiteral("mosquitto_passwd"),
+                              {QStringLiteral("-b"), passwords, user, password});
+            conf += QStringLiteral("allow_anonymous false\npassword_file %1\n").arg(passwords);
+        }
+        QFile file(dir_.filePath(QStringLiteral("mosquitto.conf")));
+        file.open(QIODevice::WriteOnly);
+        file.write(conf.toUtf8());
+    }
+    ~Broker() { stop(); }
+
+    int port() const { return port_; }
+    QString url(const QString& prefix = QStringLiteral("test")) const
+    {
+        return QStringLiteral("mqtt://127.0.0.1:%1/%2").arg(port_).arg(prefix);
+    }
+
+    // Returns once the broker listens.
+    bool start()
+    {
+        process_.setProcessChannelMode(QProcess::MergedChannels);
+        process_.start(QStringLiteral("mosquitto"),
+                       {QStringLiteral("-c"), dir_.filePath(QStringLiteral("mosquitto.conf"))});
+        QByteArray log;
+        while (process_.waitForReadyRead(10000)) {
+            log += process_.readAll();
+            if (log.contains(" running"))
+                return true;
+        }
+        qWarning("mosquitto did not start: %s", log.constData());
+        return false;
+    }
+    // A clean stop: the broker saves its sessions and their queued messages.
+    void stop()
+    {
+        if (process_.state() == QProcess::NotRunning)
+            return;
+        process_.terminate();
+        process_.waitForFinished(10000);
+    }
+
+private:
+    QTemporaryDir dir_;
+    int port_;
+    QProcess process_;
+};
+
+// mosquitto_sub, which ends when its broker does; start() again after a broker restart (with
+// "-c -i ID", the broker kept its messages meanwhile).
+class Subscriber
+{
+public:
+    Subscriber(int port, const QString& topic, const QStringList& extra = {})
+        : port_(port), args_(QStringList{QStringLiteral("-p"), QString::number(port), QStringLiteral("-t"),
+                                         topic, QStringLiteral("-t"), QStringLiteral("ready"),
+                                         QStringLiteral("-q"), QStringLiteral("1"), QStringLiteral("-v")} +
+                             extra)
+    {
+        start();
+    }
+    void start()
+    {
+        lines();
+        if (process_.state() != QProcess::NotRunning) {
+            process_.kill(); // its session, kept by the broker, holds what comes meanwhile
+            process_.waitForFinished();
+            lines();
+        }
+        process_.start(QStringLiteral("mosquitto_sub"), args_);
+        process_.waitForStarted();
+        // Subscribed once a message of its own comes back.
+        const qsizetype seen = buffer_.count("ready x");
+        for (int tries = 0; tries < 50 && buffer_.count("ready x") == seen; ++tries) {
+            QProcess::execute(QStringLiteral("mosquitto_pub"),
+                              {QStringLiteral("-p"), QString::number(port_), QStringLiteral("-t"),
+                               QStringLiteral("ready"), QStringLiteral("-m"), QStringLiteral("x")});
+            process_.waitForReadyRead(200);
+            lines();
+        }
+    }
+    ~Subscriber()
+    {
+        process_.kill();
+        process_.waitForFinished();
+    }
+    // Every line so far.
+    QList<QByteArray> lines()
+    {
+        if (process_.isOpen())
+            buffer_ += process_.readAllStandardOutput();
+        QList<QByteArray> all = buffer_.split('\n');
+        all.removeLast(); // the part of a line still coming
+        return all;
+    }
+    QProcess& process() { return process_; }
+
+private:
+    int port_;
+    QStringList args_;
+    QProcess process_;
+    QByteArray buffer_;
+};
+
+} // namespace TestSupport
