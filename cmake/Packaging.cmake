@@ -15,7 +15,8 @@ install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.desktop DESTINATION share/applicat
 install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.svg DESTINATION share/icons/hicolor/scalable/apps)
 install(FILES ${OGM_PACKAGING}/org.orvia.gonio_manager.metainfo.xml DESTINATION share/metainfo)
 install(FILES ${OGM_PACKAGING}/70-orvia-gonio-manager.rules DESTINATION lib/udev/rules.d)
-install(FILES ${OGM_PACKAGING}/copyright DESTINATION share/doc/${OGM_PACKAGE})
+install(FILES ${OGM_PACKAGING}/copyright ${CMAKE_SOURCE_DIR}/docs/gnxctl.md ${CMAKE_SOURCE_DIR}/docs/mqtt.md
+    DESTINATION share/doc/${OGM_PACKAGE})
 
 # Manual pages and the changelog, compressed as Debian wants them: best, and without a timestamp.
 set(OGM_COMPRESSED)
@@ -49,6 +50,9 @@ string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "its USB serial port: versions and status, setups, clock, favourite platforms,\n"
     "GPS formats, live and stored messages with their direction of arrival,\n"
     "command scripts and firmware upload.\n"
+    "\n"
+    "gnxctl does the same from a shell, and streams what a receiver hears to an\n"
+    "MQTT broker as an unattended station.\n"
     "\n"
     "The receiver emulator gnxsim is included, for training without hardware.")
 # Libraries come from the binaries; the platform plugin is loaded at run time, so it is named.
