@@ -11,6 +11,7 @@ packages=(
     xvfb xauth imagemagick
     dpkg-dev fakeroot lintian desktop-file-utils appstream
     libmosquitto-dev mosquitto mosquitto-clients
+    libgeographiclib-dev gdal-bin
 )
 
 missing=()

@@ -52,8 +52,12 @@ Device::Device(const Options& options) : m_model(options.model), m_mode(options.
         m_foreignIds << QString::number(id, 16).toUpper().rightJustified(long28 ? 7 : 5, QLatin1Char('0'));
     }
 
-    seedPlatforms(qBound(0, options.platforms, slotCount()));
-    seedFlash(qMax(0, options.flashRecords));
+    if (options.scenario)
+        startScenario(options.scenario, options.seed, qMax(0, options.flashRecords));
+    else {
+        seedPlatforms(qBound(0, options.platforms, slotCount()));
+        seedFlash(qMax(0, options.flashRecords));
+    }
     setLiveIntervalMs(options.liveIntervalMs);
     m_revision = 0;
 }
@@ -262,7 +266,6 @@ QByteArray Device::readFlash(qint64 start, qint64 length) const
 
 void Device::seedPlatforms(int count)
 {
-    const auto& formats = PositionFormat::builtins();
     // Slot pattern: signed, wrapped, centi-degree, 28-bit minutes, no format.
     static const int pattern[5] = {2, 3, 0, 1, -1};
     static const char* words[5] = {"Buoy", "Float", "Drifter", "Tag", "Beacon"};
@@ -273,46 +276,53 @@ void Device::seedPlatforms(int count)
             long28 ? 0x1000000u + m_rng.bounded(0xEFFFFFFu) : 0x10000u + m_rng.bounded(0xEFFFFu);
         const QString id =
             QString::number(idValue, 16).toUpper().rightJustified(long28 ? 7 : 5, QLatin1Char('0'));
-        QStringList p{
-            QString::number(i), QString(), long28 ? "2" : "1", id,
-            QStringLiteral("%1 %2").arg(QLatin1String(words[i % 5])).arg(i + 1, 2, 10, QLatin1Char('0'))};
-        if (f >= 0) {
-            const PositionFormat& fmt = formats[f];
-            p << "1" << fmt.name;
-            for (qint32 v : fmt.lat.values())
-                p << QString::number(v);
-            for (qint32 v : fmt.lon.values())
-                p << QString::number(v);
-            p << QString::number(fmt.payloadLength) << QString::number(fmt.indexPos)
-              << QString::number(fmt.gpsCheck ? 1 : 0);
-        } else {
-            p << "0" << QString();
-            for (int k = 0; k < 21; ++k)
-                p << "0";
-        }
-        p << QString::number(60 + 10 * int(m_rng.bounded(15)));
-        if (m_model == Model::Gnx134) {
-            p << "5";
-        } else {
-            const bool narrow = i % 5 == 1;
-            p << QString::number(i % 3 == 2 ? 4 : 0) << QString::number(i % 3) << (narrow ? "0" : "1")
-              << (narrow ? "401645000" : "0");
-        }
-        if (f >= 0) {
-            const PositionFormat& fmt = formats[f];
-            p << QString::number(fmt.encryptionType) << QString::number(fmt.polynom, 16)
-              << QString::number(fmt.crcPos) << QString::number(fmt.crcLen) << QString::number(fmt.dataPos)
-              << QString::number(fmt.dataLen);
-        } else {
-            p << "0"
-              << "0"
-              << "0"
-              << "0"
-              << "0"
-              << "1";
-        }
-        m_slots[i] = p;
+        const QString label =
+            QStringLiteral("%1 %2").arg(QLatin1String(words[i % 5])).arg(i + 1, 2, 10, QLatin1Char('0'));
+        m_slots[i] = slotParams(i, id, label, f, 60 + 10 * int(m_rng.bounded(15)));
     }
+}
+
+QStringList Device::slotParams(int i, const QString& id, const QString& label, int format, int period) const
+{
+    const auto& formats = PositionFormat::builtins();
+    const bool long28 = id.size() == 7;
+    QStringList p{QString::number(i), QString(), long28 ? "2" : "1", id, label};
+    if (format >= 0) {
+        const PositionFormat& fmt = formats[format];
+        p << "1" << fmt.name;
+        for (qint32 v : fmt.lat.values())
+            p << QString::number(v);
+        for (qint32 v : fmt.lon.values())
+            p << QString::number(v);
+        p << QString::number(fmt.payloadLength) << QString::number(fmt.indexPos)
+          << QString::number(fmt.gpsCheck ? 1 : 0);
+    } else {
+        p << "0" << QString();
+        for (int k = 0; k < 21; ++k)
+            p << "0";
+    }
+    p << QString::number(period);
+    if (m_model == Model::Gnx134) {
+        p << "5";
+    } else {
+        const bool narrow = i % 5 == 1;
+        p << QString::number(i % 3 == 2 ? 4 : 0) << QString::number(i % 3) << (narrow ? "0" : "1")
+          << (narrow ? "401645000" : "0");
+    }
+    if (format >= 0) {
+        const PositionFormat& fmt = formats[format];
+        p << QString::number(fmt.encryptionType) << QString::number(fmt.polynom, 16)
+          << QString::number(fmt.crcPos) << QString::number(fmt.crcLen) << QString::number(fmt.dataPos)
+          << QString::number(fmt.dataLen);
+    } else {
+        p << "0"
+          << "0"
+          << "0"
+          << "0"
+          << "0"
+          << "1";
+    }
+    return p;
 }
 
 void Device::seedFlash(int count)
@@ -354,6 +364,8 @@ int Device::bearingTo(double lat, double lon) const
 
 RxReport Device::makeReport(int slot, bool favourite, int foreign, const QDateTime& time)
 {
+    if (m_scenario && slot >= 0 && slot < int(m_scenario->platforms().size()))
+        return makeScenarioReport(slot, time);
     const bool v1 = m_model == Model::Gnx134;
     const QStringList* sp = slot >= 0 ? &m_slots[slot] : nullptr;
     RxReport r;
@@ -385,17 +397,24 @@ RxReport Device::makeReport(int slot, bool favourite, int foreign, const QDateTi
     r.longitude = qint32(std::lround(m_lon));
     r.gnxDirection = int(m_heading);
 
-    const bool long28 = r.platformId.size() == 7;
+    r.payload = payloadFor(sp, r.platformId, tr.lat, tr.lon);
+    return r;
+}
+
+QByteArray Device::payloadFor(const QStringList* sp, const QString& platformId, double lat, double lon)
+{
+    const bool v1 = m_model == Model::Gnx134;
+    const bool long28 = platformId.size() == 7;
     const bool hasFormat = sp && (*sp)[5] == QLatin1String("1");
     PositionFormat fmt;
     if (hasFormat) {
-        QList<qint32> lat, lon;
+        QList<qint32> latField, lonField;
         for (int i = 7; i <= 15; ++i)
-            lat << (*sp)[i].toInt();
+            latField << (*sp)[i].toInt();
         for (int i = 16; i <= 24; ++i)
-            lon << (*sp)[i].toInt();
-        fmt.lat = CoordinateField::fromValues(lat);
-        fmt.lon = CoordinateField::fromValues(lon);
+            lonField << (*sp)[i].toInt();
+        fmt.lat = CoordinateField::fromValues(latField);
+        fmt.lon = CoordinateField::fromValues(lonField);
         fmt.payloadLength = (*sp)[25].toInt();
     }
     int size = hasFormat ? fmt.payloadBytes() : (long28 ? 9 : 8);
@@ -404,13 +423,12 @@ RxReport Device::makeReport(int slot, bool favourite, int foreign, const QDateTi
     for (auto& c : payload)
         c = char(m_rng.bounded(256));
     if (hasFormat) {
-        encodeCoordinate(payload, fmt.lat, qint64(std::lround(tr.lat)), 90);
-        encodeCoordinate(payload, fmt.lon, qint64(std::lround(tr.lon)), 180);
+        encodeCoordinate(payload, fmt.lat, qint64(std::lround(lat)), 90);
+        encodeCoordinate(payload, fmt.lon, qint64(std::lround(lon)), 180);
     }
     if (long28)
-        payload[0] = char(r.platformId.right(2).toUInt(nullptr, 16));
-    r.payload = payload;
-    return r;
+        payload[0] = char(platformId.right(2).toUInt(nullptr, 16));
+    return payload;
 }
 
 void Device::store(const RxReport& r)
@@ -433,6 +451,12 @@ void Device::liveTick()
 {
     if (m_mode != Mode::App)
         return;
+    if (m_scenario) {
+        if (emitNpr(m_nextScenarioSlot, true))
+            ++m_liveReports;
+        m_nextScenarioSlot = (m_nextScenarioSlot + 1) % int(m_scenario->platforms().size());
+        return;
+    }
     bool anyUsed = false;
     for (const auto& s : m_slots)
         anyUsed = anyUsed || !s.isEmpty();

@@ -3,6 +3,7 @@
 #include "sim/Options.h"
 #include "sim/PositionFormat.h"
 #include "sim/RxReport.h"
+#include "sim/Scenario.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -12,6 +13,9 @@
 #include <QRandomGenerator>
 #include <QStringList>
 #include <QVector>
+
+#include <memory>
+#include <random>
 
 namespace gnxsim {
 
@@ -126,6 +130,10 @@ private:
     void clearSlotFlash(int index, const QString& id);
     Track& track(int key);
     RxReport makeReport(int slot, bool favourite, int foreign, const QDateTime& time);
+    QByteArray payloadFor(const QStringList* slot, const QString& platformId, double lat, double lon);
+    QStringList slotParams(int index, const QString& id, const QString& label, int format, int period) const;
+    void startScenario(std::shared_ptr<const Scenario> scenario, quint32 seed, int flashRecords);
+    RxReport makeScenarioReport(int slot, const QDateTime& time);
     void store(const RxReport& report);
     void liveTick();
     void drift();
@@ -165,6 +173,10 @@ private:
     Upload m_upload;
     quint64 m_revision = 0;
     qint64 m_liveReports = 0;
+    std::shared_ptr<const Scenario> m_scenario;
+    std::mt19937 m_noiseRng;
+    QDateTime m_scenarioStart; // the receiver at the start of its path
+    int m_nextScenarioSlot = 0;
 };
 
 } // namespace gnxsim

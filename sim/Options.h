@@ -3,7 +3,11 @@
 #include <QDateTime>
 #include <QString>
 
+#include <memory>
+
 namespace gnxsim {
+
+class Scenario;
 
 enum class Model
 {
@@ -28,6 +32,7 @@ struct Options
     QString linkPath;       // symbolic link kept pointing at the slave side
     QString statePath;      // setups, slots and flash kept across runs
     QDateTime startTime;    // device clock at start (UTC); invalid = system time
+    std::shared_ptr<const Scenario> scenario; // a drive past known platforms instead of random ones
 };
 
 // Transport faults, all off by default. Probabilities are per outgoing unit (a line, or one frame of a

@@ -3,6 +3,7 @@
 #include "sim/Firmware.h"
 #include "sim/PositionFormat.h"
 #include "sim/PtySimulator.h"
+#include "sim/Scenario.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -73,6 +74,10 @@ int main(int argc, char** argv)
         {"write-firmware", "Write a firmware file for the upload and exit.", "file"},
         {"version", "Firmware version text (with --write-firmware).", "text", "9.9.9"},
         {"firmware-records", "Data records in the firmware file (default 100).", "n", "100"},
+        {"scenario",
+         "A drive past platforms at known positions (JSON): directions are true bearings plus bias and "
+         "noise.",
+         "file"},
     });
     parser.process(app);
 
@@ -115,6 +120,12 @@ int main(int argc, char** argv)
     o.seed = quint32(seed);
     o.linkPath = parser.value("link");
     o.statePath = parser.value("state");
+    if (parser.isSet("scenario")) {
+        QString error;
+        o.scenario = Scenario::load(parser.value("scenario"), &error);
+        if (!o.scenario)
+            return fail("--scenario " + error);
+    }
 
     PtySimulator sim(o);
     if (!sim.errorString().isEmpty())

@@ -15,6 +15,7 @@
 class QAction;
 class QIcon;
 class QProgressBar;
+class QToolBar;
 
 namespace Ui {
 class MainWindow;
@@ -53,6 +54,9 @@ public:
     // The long job under way, and the status bar's view of it.
     Utils::JobProgress* jobProgress() const { return job_; }
     class JobPanel* jobPanel() const { return jobPanel_; }
+    // The Bearings window, made the first time it is asked for.
+    class BearingsWindow* bearingsWindow();
+    QAction* bearingsAction() const { return bearingsAction_; }
 
     // The connect toggle of a port action.
     void connectToggled(const QString& portName, bool checked);
@@ -128,6 +132,8 @@ private:
 
     // Reconnecting to the same receiver (MainWindowReconnect.cpp).
     void setUpReconnect();
+    // The Bearings window's action (MainWindowBearings.cpp).
+    void setUpBearings(QToolBar* toolBar);
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);
@@ -184,6 +190,8 @@ private:
     QString lostIdentity_;      // of the receiver that was pulled out, while it may come back
     QElapsedTimer lostClock_;
     class JobPanel* jobPanel_ = nullptr;
+    QAction* bearingsAction_ = nullptr;
+    class BearingsWindow* bearingsWindow_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui

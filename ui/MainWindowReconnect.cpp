@@ -36,6 +36,7 @@ void MainWindow::setUpReconnect()
     reconnectAction_->setChecked(userSettings().value(kReconnectKey, false).toBool());
     connect(reconnectAction_, &QAction::toggled, this,
             [](bool on) { userSettings().setValue(kReconnectKey, on); });
+    setUpBearings(toolBar);
 }
 
 // The USB serial number names a receiver wherever it is plugged in; without one, its port does.

@@ -22,7 +22,7 @@ const QDateTime startTime(QDate(2024, 5, 17), QTime(10, 20, 30), Qt::UTC);
 
 Options options(Model model, Mode mode = app, int platforms = 0, int flashRecords = 0, int liveMs = 0)
 {
-    return Options{model, mode, 1, platforms, flashRecords, liveMs, 0, {}, {}, startTime};
+    return Options{model, mode, 1, platforms, flashRecords, liveMs, 0, {}, {}, startTime, {}};
 }
 
 QString reading(const QString& mnemonic, int count)

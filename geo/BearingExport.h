@@ -1,0 +1,38 @@
+#pragma once
+
+#include "geo/BearingSet.h"
+
+#include <QByteArray>
+
+namespace OrviaGonioManager::Geo {
+
+// The bearings, fixes and track as files other tools read. Each says which version of this
+// layout it holds; the layouts are described for users.
+namespace BearingExport {
+constexpr int kVersion = 1;
+constexpr int kEllipsePoints = 72;
+
+struct Content
+{
+    const BearingSet* set = nullptr;
+    std::map<QString, Fix> fixes;
+    double rangeMetres = 50000.0; // of the bearing lines
+};
+
+// Fixes as points and their ellipses as polygons, bearing lines, and the track.
+QByteArray geoJson(const Content& c);
+// The same in KML.
+QByteArray kml(const Content& c);
+// The receiver's track, and the payload positions as waypoints.
+QByteArray gpx(const BearingSet& set);
+
+// The 95% ellipse as a closed ring of points.
+std::vector<GeoPoint> ellipseRing(const Fix& fix, int points = kEllipsePoints);
+// A bearing line from its point, as a geodesic through a few points.
+std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double metres);
+
+// Writes completely or not at all; throws MRL::Utils::Exception naming the file.
+void save(const QString& fileName, const QByteArray& data);
+} // namespace BearingExport
+
+} // namespace OrviaGonioManager::Geo

@@ -1,0 +1,293 @@
+// Bearings as pure functions: circular statistics, geodesics against published values, fixes and
+// the antenna check against the emulator's scenarios, and the exports through GDAL.
+#include "geo/AntennaCheck.h"
+#include "geo/BearingExport.h"
+#include "geo/BearingFix.h"
+#include "geo/Circular.h"
+#include "sim/Scenario.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cmath>
+
+using namespace OrviaGonioManager::Geo;
+
+namespace {
+
+// A drive along a road past platforms around it; the receiver's heading follows the road.
+QByteArray scenarioJson(double bias, double noise,
+                        const QString& path = "[[43.59, 1.23], [43.605, 1.28], [43.60, 1.34], [43.62, 1.39]]")
+{
+    return QStringLiteral(R"({"receiver": {"path": %1, "speed": 20}, "bias": %2, "noise": %3,
+        "platforms": [{"id": "3CA97", "position": [43.65, 1.26], "format": "ORV-GPS-SIGNED"},
+                      {"id": "33BBA", "position": [43.56, 1.33]},
+                      {"id": "9579F", "position": [43.64, 1.42]}]})")
+        .arg(path)
+        .arg(bias)
+        .arg(noise)
+        .toUtf8();
+}
+
+std::shared_ptr<const gnxsim::Scenario> scenario(const QByteArray& json)
+{
+    QString error;
+    auto s = gnxsim::Scenario::fromJson(json, &error);
+    if (!s)
+        qFatal("scenario: %s", qPrintable(error));
+    return s;
+}
+
+// count bearings of platform, evenly along the drive, as the receiver measures them.
+std::vector<BearingLine> observe(const gnxsim::Scenario& s, int platform, int count, quint32 seed)
+{
+    std::mt19937 rng(seed);
+    std::vector<BearingLine> lines;
+    for (int i = 0; i < count; ++i) {
+        const auto o = s.observe(s.duration() * i / (count - 1), platform, rng);
+        lines.push_back({{o.pose.position.lat, o.pose.position.lon}, o.direction});
+    }
+    return lines;
+}
+
+GeoPoint truth(const gnxsim::Scenario& s, int platform)
+{
+    const auto& p = s.platforms()[size_t(platform)].position;
+    return {p.lat, p.lon};
+}
+
+} // namespace
+
+class TestBearings : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void circular_data()
+    {
+        QTest::addColumn<QList<double>>("angles");
+        QTest::addColumn<double>("mean");
+        QTest::addColumn<double>("deviation"); // -1: undefined (spread all round)
+        QTest::newRow("across north") << QList<double>{359, 1} << 0.0 << 1.0;
+        QTest::newRow("single") << QList<double>{123.5} << 123.5 << 0.0;
+        QTest::newRow("uniform") << QList<double>{0, 90, 180, 270} << 0.0 << -1.0;
+        QTest::newRow("three near south") << QList<double>{170, 180, 190} << 180.0 << 8.18;
+    }
+    void circular()
+    {
+        QFETCH(QList<double>, angles);
+        QFETCH(double, mean);
+        QFETCH(double, deviation);
+        const CircularStats s = circularStats(std::vector<double>(angles.begin(), angles.end()));
+        QCOMPARE(s.count, angles.size());
+        if (deviation < 0) {
+            QVERIFY(s.resultant < 1e-12);
+            return;
+        }
+        QVERIFY2(std::abs(wrap180(s.mean - mean)) < 1e-9, qPrintable(QString::number(s.mean)));
+        QVERIFY2(std::abs(s.deviation - deviation) < 0.01, qPrintable(QString::number(s.deviation)));
+    }
+
+    // Published geodesic results on WGS84.
+    void geodesic_data()
+    {
+        QTest::addColumn<double>("lat1");
+        QTest::addColumn<double>("lon1");
+        QTest::addColumn<double>("lat2");
+        QTest::addColumn<double>("lon2");
+        QTest::addColumn<double>("azimuth");
+        QTest::addColumn<double>("metres");
+        QTest::newRow("Wellington to Salamanca")
+            << -41.32 << 174.81 << 40.96 << -5.50 << 161.067669986 << 19959679.267;
+        QTest::newRow("a degree of the equator") << 0.0 << 10.0 << 0.0 << 11.0 << 90.0 << 111319.491;
+        QTest::newRow("a degree of meridian") << 0.0 << 5.0 << 1.0 << 5.0 << 0.0 << 110574.389;
+        QTest::newRow("westward across the date line") << 0.0 << 179.5 << 0.0 << -179.5 << 90.0 << 111319.491;
+    }
+    void geodesic()
+    {
+        QFETCH(double, lat1);
+        QFETCH(double, lon1);
+        QFETCH(double, lat2);
+        QFETCH(double, lon2);
+        QFETCH(double, azimuth);
+        QFETCH(double, metres);
+        const GeoPoint a{lat1, lon1}, b{lat2, lon2};
+        QVERIFY(std::abs(wrap180(Geodesy::bearing(a, b) - azimuth)) < 1e-8);
+        QVERIFY(std::abs(Geodesy::distance(a, b) - metres) < 1e-3);
+        const GeoPoint back = Geodesy::destination(a, azimuth, metres);
+        QVERIFY(std::abs(back.latitude - lat2) < 1e-8 && std::abs(wrap180(back.longitude - lon2)) < 1e-8);
+    }
+
+    void fix_data()
+    {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<int>("bearings");
+        QTest::addColumn<double>("within"); // metres from the truth at most; < 0: no fix expected
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("exact bearings") << scenarioJson(0, 0) << 12 << 1.0 << "";
+        QTest::newRow("three exact bearings") << scenarioJson(0, 0) << 3 << 1.0 << "";
+        QTest::newRow("noise 2 degrees") << scenarioJson(0, 2) << 40 << 0.0 << "";
+        QTest::newRow("two points") << scenarioJson(0, 0) << 2 << -1.0 << "heard from 2 point(s)";
+        QTest::newRow("parallel, far away")
+            << scenarioJson(0, 0, "[[10.0, 100.0], [10.0, 100.01]]") << 5 << -1.0 << "within";
+        QTest::newRow("one point") << scenarioJson(0, 0, "[[43.59, 1.23]]") << 8 << -1.0
+                                   << "heard from 1 point(s)";
+    }
+    void fix()
+    {
+        QFETCH(QByteArray, json);
+        QFETCH(int, bearings);
+        QFETCH(double, within);
+        QFETCH(QString, reason);
+        const auto s = scenario(json);
+        for (int platform = 0; platform < 3; ++platform) {
+            const Fix f = BearingFix::solve(observe(*s, platform, bearings, 7));
+            if (within < 0) {
+                QVERIFY2(!f.ok && f.reason.contains(reason), qPrintable(f.reason));
+                continue;
+            }
+            QVERIFY2(f.ok, qPrintable(f.reason));
+            const double miss = Geodesy::distance(f.position, truth(*s, platform));
+            // Exact bearings meet at the truth; noisy ones leave it inside the error ellipse.
+            QVERIFY2(miss < std::max(within, f.semiMajor),
+                     qPrintable(QString("%1 m off, ellipse %2 m").arg(miss).arg(f.semiMajor)));
+            QCOMPARE(f.used, bearings);
+            QVERIFY(f.semiMajor >= f.semiMinor && f.orientation >= 0 && f.orientation < 180);
+        }
+    }
+
+    // The 95% ellipse holds the truth in at least 90 of 100 seeded drives at 2° of noise.
+    void ellipseHoldsTheTruth()
+    {
+        const auto s = scenario(scenarioJson(0, 2));
+        int inside = 0;
+        for (quint32 seed = 1; seed <= 100; ++seed) {
+            const Fix f = BearingFix::solve(observe(*s, 0, 15, seed));
+            QVERIFY2(f.ok, qPrintable(f.reason));
+            // The truth in the ellipse's axes, metres.
+            const double d = Geodesy::distance(f.position, truth(*s, 0));
+            const double a = (Geodesy::bearing(f.position, truth(*s, 0)) - f.orientation) * M_PI / 180;
+            const double u = d * std::cos(a) / f.semiMajor, v = d * std::sin(a) / f.semiMinor;
+            inside += u * u + v * v <= 1.0;
+        }
+        QVERIFY2(inside >= 90, qPrintable(QString::number(inside)));
+    }
+
+    // A bearing far off is left out; one the user unticks is excluded.
+    void outliersAndExclusions()
+    {
+        const auto s = scenario(scenarioJson(0, 0.5));
+        std::vector<BearingLine> lines = observe(*s, 2, 20, 3);
+        lines[5].bearing += 25;
+        lines[9].use = false;
+        const Fix f = BearingFix::solve(lines);
+        QVERIFY2(f.ok, qPrintable(f.reason));
+        QCOMPARE(f.status[5], Fix::Outlier);
+        QCOMPARE(f.status[9], Fix::Excluded);
+        QCOMPARE(f.used, 18);
+        QCOMPARE(f.outliers, 1);
+        QVERIFY(std::abs(f.residuals[5]) > 20);
+        QVERIFY(Geodesy::distance(f.position, truth(*s, 2)) < 300);
+    }
+
+    // A bias of 7° at 2° of noise is found from 50 samples within 0.5°.
+    void antennaCheck_data()
+    {
+        QTest::addColumn<int>("samples");
+        QTest::addColumn<int>("offset");
+        QTest::addColumn<int>("suggested"); // -1: none
+        QTest::newRow("50 samples") << 50 << 0 << 353;
+        QTest::newRow("from an offset of 3") << 50 << 3 << 356;
+        QTest::newRow("9 samples: too few") << 9 << 0 << -1;
+    }
+    void antennaCheck()
+    {
+        QFETCH(int, samples);
+        QFETCH(int, offset);
+        QFETCH(int, suggested);
+        const auto s = scenario(scenarioJson(7, 2));
+        std::vector<AntennaSample> data;
+        std::mt19937 rng(11);
+        for (int i = 0; i < samples; ++i) {
+            const auto o = s->observe(s->duration() * i / samples, i % 3, rng);
+            data.push_back({{o.pose.position.lat, o.pose.position.lon}, truth(*s, i % 3), o.direction});
+        }
+        const AntennaCheck c = AntennaCheck::compute(data, offset);
+        QVERIFY2(std::abs(c.meanError() - 7) < 0.5, qPrintable(QString::number(c.meanError())));
+        QCOMPARE(c.suggestedOffset.value_or(-1), suggested);
+    }
+
+    // Each export passes GDAL, and the GeoJSON gives back the fix to 1e-7°.
+    void exports_data()
+    {
+        QTest::addColumn<QString>("format");
+        QTest::addColumn<QString>("layer"); // a layer ogrinfo must list
+        QTest::newRow("GeoJSON") << "geojson"
+                                 << "POINT";
+        QTest::newRow("KML") << "kml"
+                             << "Bearings";
+        QTest::newRow("GPX") << "gpx"
+                             << "tracks";
+    }
+    void exports()
+    {
+        QFETCH(QString, format);
+        QFETCH(QString, layer);
+        const QString ogrinfo = QStandardPaths::findExecutable("ogrinfo");
+        if (ogrinfo.isEmpty())
+            QSKIP("ogrinfo (gdal-bin) is not installed");
+        BearingSet set;
+        const auto s = scenario(scenarioJson(0, 1));
+        std::mt19937 rng(5);
+        for (int i = 0; i < 30; ++i) {
+            const auto o = s->observe(s->duration() * i / 29, i % 3, rng);
+            OrviaGonioManager::Utils::RxTableModel::Row row;
+            row.message.platformId = s->platforms()[size_t(i % 3)].id;
+            row.message.mjd = 61000;
+            row.message.secondsOfDay = i * 10;
+            row.message.flagBit0 = true;
+            row.message.gnxLatitude = o.pose.position.lat;
+            row.message.gnxLongitude = o.pose.position.lon;
+            row.message.direction = quint16(std::lround(o.direction) % 360);
+            row.payloadPosition = i % 3 == 0;
+            row.payloadLatitude = truth(*s, 0).latitude;
+            row.payloadLongitude = truth(*s, 0).longitude;
+            set.add(row);
+        }
+        BearingExport::Content content{&set, set.fixes(), 20000};
+        QVERIFY(content.fixes.at("3CA97").ok);
+        const QByteArray data = format == "geojson" ? BearingExport::geoJson(content)
+                                : format == "kml"   ? BearingExport::kml(content)
+                                                    : BearingExport::gpx(set);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("bearings." + format);
+        BearingExport::save(path, data);
+        QProcess p;
+        p.start(ogrinfo, {"-ro", "-al", path});
+        QVERIFY(p.waitForFinished(60000));
+        const QString out = QString::fromUtf8(p.readAllStandardOutput());
+        QVERIFY2(p.exitCode() == 0 && out.contains(layer),
+                 qPrintable(out.left(2000) + p.readAllStandardError()));
+        if (format != "geojson")
+            return;
+        int points = 0;
+        for (const auto& m : QRegularExpression(R"(POINT \(([-0-9.]+) ([-0-9.]+)\))").globalMatch(out)) {
+            const GeoPoint read{m.captured(2).toDouble(), m.captured(1).toDouble()};
+            points += std::any_of(content.fixes.begin(), content.fixes.end(), [&](const auto& f) {
+                return std::abs(read.latitude - f.second.position.latitude) < 1e-7 &&
+                       std::abs(read.longitude - f.second.position.longitude) < 1e-7;
+            });
+        }
+        QCOMPARE(points, 3);
+        QCOMPARE(QJsonDocument::fromJson(data).object()["formatVersion"].toInt(), BearingExport::kVersion);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBearings)
+#include "tst_bearings.moc"

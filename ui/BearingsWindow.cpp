@@ -1,0 +1,462 @@
+#include "ui/BearingsWindow.h"
+
+#include "geo/BearingExport.h"
+#include "geo/LocalProjection.h"
+#include "mrl/ui/Dialogs.h"
+#include "mrl/utils/Exception.h"
+#include "ui/BearingMapWidget.h"
+#include "ui/CompassWidget.h"
+#include "utils/RxTableModel.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDateTime>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QPushButton>
+#include <QSettings>
+#include <QSpinBox>
+#include <QSplitter>
+#include <QTabWidget>
+#include <QTableWidget>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+namespace OrviaGonioManager::Ui {
+
+using Geo::BearingSet;
+using Geo::Fix;
+
+namespace {
+
+constexpr int kRefreshDelayMs = 200; // messages arriving together are taken together
+const QString kAllFavourites = QStringLiteral("All favourites");
+
+QSettings preferences()
+{
+    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
+                     QStringLiteral("OrviaGonioManagerBearings"));
+}
+
+QTableWidgetItem* cell(const QString& text)
+{
+    auto* item = new QTableWidgetItem(text);
+    item->setFlags(item->flags() & ~Qt::ItemIsEditable);
+    return item;
+}
+
+QString number(double v, int decimals)
+{
+    return QString::number(v, 'f', decimals);
+}
+
+} // namespace
+
+BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QWidget* parent)
+    : QWidget(parent, Qt::Window), model_(model), angleOffset_(angleOffset)
+{
+    setObjectName(QStringLiteral("bearingsWindow"));
+    setWindowTitle(QStringLiteral("Bearings"));
+    buildLayout();
+    loadPreferences();
+    refreshTimer_.setSingleShot(true);
+    refreshTimer_.setInterval(kRefreshDelayMs);
+    connect(&refreshTimer_, &QTimer::timeout, this, &BearingsWindow::refresh);
+    connect(model_, &QAbstractItemModel::modelReset, this, &BearingsWindow::scheduleRefresh);
+    connect(model_, &QAbstractItemModel::layoutChanged, this, &BearingsWindow::scheduleRefresh);
+    connect(model_, &QAbstractItemModel::rowsInserted, this, &BearingsWindow::scheduleRefresh);
+    connect(model_, &QAbstractItemModel::rowsRemoved, this, &BearingsWindow::scheduleRefresh);
+    connect(angleOffset_, &QSpinBox::valueChanged, this, &BearingsWindow::fillAntenna);
+}
+
+void BearingsWindow::buildLayout()
+{
+    compass_ = new CompassWidget(this);
+    map_ = new BearingMapWidget(this);
+    auto* views = new QSplitter(Qt::Horizontal, this);
+    views->addWidget(compass_);
+    views->addWidget(map_);
+    views->setStretchFactor(1, 2);
+
+    fixTable_ = new QTableWidget(0, 9, this);
+    fixTable_->setObjectName(QStringLiteral("tableWidgetBearingsFixes"));
+    fixTable_->setHorizontalHeaderLabels({"Platform", "Fix", "Semi-major (m)", "Semi-minor (m)",
+                                          "Orientation (°)", "CEP (m)", "Used", "Left out", "RMS (°)"});
+    bearingList_ = new QTableWidget(0, 8, this);
+    bearingList_->setObjectName(QStringLiteral("tableWidgetBearingsList"));
+    bearingList_->setHorizontalHeaderLabels({"Use", "Time", "Direction (°)", "Heading (°)", "Taken from",
+                                             "True bearing (°)", "Residual (°)", "Status"});
+    for (QTableWidget* t : {fixTable_, bearingList_}) {
+        t->verticalHeader()->hide();
+        t->horizontalHeader()->setStretchLastSection(true);
+        t->setSelectionBehavior(QAbstractItemView::SelectRows);
+    }
+    connect(bearingList_, &QTableWidget::itemChanged, this, [this](QTableWidgetItem* item) {
+        if (item->column() != 0 || item->data(Qt::UserRole).isNull())
+            return;
+        set_.setUse(item->data(Qt::UserRole).toString(), item->checkState() == Qt::Checked);
+        recomputeFixes();
+    });
+    auto* tabs = new QTabWidget(this);
+    tabs->addTab(fixTable_, QStringLiteral("Fixes"));
+    tabs->addTab(bearingList_, QStringLiteral("Bearings"));
+    tabs->addTab(buildAntennaPanel(), QStringLiteral("Antenna check"));
+
+    auto* split = new QSplitter(Qt::Vertical, this);
+    split->addWidget(views);
+    split->addWidget(tabs);
+    split->setStretchFactor(0, 3);
+    split->setStretchFactor(1, 2);
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(buildControls());
+    layout->addWidget(split, 1);
+    resize(960, 760);
+}
+
+QWidget* BearingsWindow::buildControls()
+{
+    auto* bar = new QWidget(this);
+    auto* row = new QHBoxLayout(bar);
+    row->setContentsMargins(0, 0, 0, 0);
+    platform_ = new QComboBox(bar);
+    platform_->setObjectName(QStringLiteral("comboBoxBearingsPlatform"));
+    platform_->setMinimumContentsLength(18);
+    needles_ = new QSpinBox(bar);
+    needles_->setObjectName(QStringLiteral("spinBoxBearingsNeedles"));
+    needles_->setRange(1, 500);
+    needles_->setValue(20);
+    reference_ = new QComboBox(bar);
+    reference_->setObjectName(QStringLiteral("comboBoxBearingsReference"));
+    reference_->addItems(
+        {QStringLiteral("Direction from north"), QStringLiteral("Direction relative to heading")});
+    range_ = new QSpinBox(bar);
+    range_->setObjectName(QStringLiteral("spinBoxBearingsRange"));
+    range_->setRange(1, 2000);
+    range_->setValue(50);
+    range_->setSuffix(QStringLiteral(" km"));
+    auto* fit = new QPushButton(QStringLiteral("Fit"), bar);
+    fit->setObjectName(QStringLiteral("pushButtonBearingsFit"));
+    row->addWidget(new QLabel(QStringLiteral("Platform"), bar));
+    row->addWidget(platform_);
+    row->addWidget(new QLabel(QStringLiteral("Needles"), bar));
+    row->addWidget(needles_);
+    row->addWidget(reference_);
+    row->addWidget(new QLabel(QStringLiteral("Bearing lines"), bar));
+    row->addWidget(range_);
+    row->addWidget(fit);
+    row->addStretch(1);
+    for (const QString& what : {QStringLiteral("GeoJSON"), QStringLiteral("KML"), QStringLiteral("GPX")}) {
+        auto* button = new QPushButton(QStringLiteral("Export %1...").arg(what), bar);
+        button->setObjectName(QStringLiteral("pushButtonBearingsExport") + what);
+        connect(button, &QPushButton::clicked, this, [this, what] { exportFile(what); });
+        row->addWidget(button);
+    }
+    connect(fit, &QPushButton::clicked, map_, &BearingMapWidget::fit);
+    connect(platform_, &QComboBox::currentIndexChanged, this, [this] {
+        fillBearingList();
+        redraw();
+    });
+    connect(needles_, &QSpinBox::valueChanged, this, [this] {
+        savePreferences();
+        updateCompass();
+    });
+    connect(reference_, &QComboBox::currentIndexChanged, this, [this] {
+        savePreferences();
+        set_.setRelative(reference_->currentIndex() == 1);
+        recomputeFixes();
+    });
+    connect(range_, &QSpinBox::valueChanged, this, [this] {
+        savePreferences();
+        updateMap();
+    });
+    return bar;
+}
+
+QWidget* BearingsWindow::buildAntennaPanel()
+{
+    auto* panel = new QWidget(this);
+    auto* layout = new QVBoxLayout(panel);
+    antennaText_ = new QLabel(panel);
+    antennaText_->setObjectName(QStringLiteral("labelBearingsAntenna"));
+    antennaText_->setWordWrap(true);
+    suggestion_ = new QLabel(panel);
+    suggestion_->setObjectName(QStringLiteral("labelBearingsSuggestedOffset"));
+    apply_ = new QPushButton(QStringLiteral("Apply to setup"), panel);
+    apply_->setObjectName(QStringLiteral("pushButtonBearingsApply"));
+    apply_->setToolTip(QStringLiteral("Puts the value in the software setup's \"Angle offset\"; "
+                                      "write the software setup to send it"));
+    connect(apply_, &QPushButton::clicked, this, &BearingsWindow::applySuggestedOffset);
+    layout->addWidget(antennaText_);
+    layout->addWidget(suggestion_);
+    layout->addWidget(apply_, 0, Qt::AlignLeft);
+    layout->addStretch(1);
+    return panel;
+}
+
+void BearingsWindow::loadPreferences()
+{
+    QSettings s = preferences();
+    needles_->setValue(s.value(QStringLiteral("needles"), 20).toInt());
+    reference_->setCurrentIndex(s.value(QStringLiteral("relativeToHeading"), false).toBool() ? 1 : 0);
+    range_->setValue(s.value(QStringLiteral("rangeKm"), 50).toInt());
+    set_.setRelative(reference_->currentIndex() == 1);
+}
+
+void BearingsWindow::savePreferences() const
+{
+    QSettings s = preferences();
+    s.setValue(QStringLiteral("needles"), needles_->value());
+    s.setValue(QStringLiteral("relativeToHeading"), reference_->currentIndex() == 1);
+    s.setValue(QStringLiteral("rangeKm"), range_->value());
+}
+
+void BearingsWindow::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    if (stale_)
+        refresh();
+}
+
+void BearingsWindow::scheduleRefresh()
+{
+    stale_ = true;
+    if (isVisible())
+        refreshTimer_.start();
+}
+
+void BearingsWindow::refresh()
+{
+    stale_ = false;
+    set_.rebuild(*model_);
+    fillPlatforms();
+    recomputeFixes();
+}
+
+void BearingsWindow::recomputeFixes()
+{
+    fixes_ = set_.fixes();
+    fillFixes();
+    fillBearingList();
+    fillAntenna();
+    redraw();
+}
+
+void BearingsWindow::redraw()
+{
+    updateCompass();
+    updateMap();
+}
+
+void BearingsWindow::fillPlatforms()
+{
+    const QString current = platform_->currentData().toString();
+    QSignalBlocker block(platform_);
+    platform_->clear();
+    platform_->addItem(kAllFavourites, QString());
+    for (const auto& [id, p] : set_.platforms())
+        platform_->addItem(nameOf(p), id);
+    platform_->setCurrentIndex(std::max(0, platform_->findData(current)));
+}
+
+QString BearingsWindow::nameOf(const BearingSet::Platform& p) const
+{
+    return p.label.isEmpty() ? p.id : QStringLiteral("%1 (%2)").arg(p.label, p.id);
+}
+
+QColor BearingsWindow::colourOf(const QString& platformId) const
+{
+    const auto& all = set_.platforms();
+    const int i = int(std::distance(all.begin(), all.find(platformId)));
+    return QColor::fromHsv((i * 137) % 360, 220, 200);
+}
+
+std::vector<const BearingSet::Platform*> BearingsWindow::shownPlatforms() const
+{
+    std::vector<const BearingSet::Platform*> out;
+    const QString id = platform_->currentData().toString();
+    for (const auto& [key, p] : set_.platforms())
+        if (id.isEmpty() ? p.favourite : key == id)
+            out.push_back(&p);
+    return out;
+}
+
+void BearingsWindow::fillFixes()
+{
+    fixTable_->setRowCount(0);
+    for (const auto& [id, f] : fixes_) {
+        const int row = fixTable_->rowCount();
+        fixTable_->insertRow(row);
+        fixTable_->setItem(row, 0, cell(nameOf(set_.platforms().at(id))));
+        if (!f.ok) {
+            fixTable_->setItem(row, 1, cell(QStringLiteral("No fix: %1").arg(f.reason)));
+            continue;
+        }
+        const QStringList texts{
+            QStringLiteral("%1, %2").arg(number(f.position.latitude, 6), number(f.position.longitude, 6)),
+            number(f.semiMajor, 0),
+            number(f.semiMinor, 0),
+            number(f.orientation, 0),
+            number(f.cep, 0),
+            QString::number(f.used),
+            QString::number(f.outliers),
+            number(f.rms, 2)};
+        for (int c = 0; c < texts.size(); ++c)
+            fixTable_->setItem(row, c + 1, cell(texts[c]));
+    }
+    fixTable_->resizeColumnsToContents();
+}
+
+void BearingsWindow::fillBearingList()
+{
+    QSignalBlocker block(bearingList_);
+    bearingList_->setRowCount(0);
+    const QString id = platform_->currentData().toString();
+    const auto it = set_.platforms().find(id);
+    if (id.isEmpty() || it == set_.platforms().end())
+        return;
+    const auto fit = fixes_.find(id);
+    size_t line = 0;
+    for (const Geo::Bearing& b : it->second.bearings) {
+        const int row = bearingList_->rowCount();
+        bearingList_->insertRow(row);
+        auto* use = cell(QString());
+        use->setFlags(use->flags() | Qt::ItemIsUserCheckable);
+        use->setCheckState(b.use ? Qt::Checked : Qt::Unchecked);
+        use->setData(Qt::UserRole, b.key());
+        QString status = QStringLiteral("No position");
+        QString residual;
+        if (b.receiverValid && fit != fixes_.end() && line < fit->second.status.size()) {
+            const Fix& f = fit->second;
+            static const QString names[3] = {QStringLiteral("Used"), QStringLiteral("Left out (outlier)"),
+                                             QStringLiteral("Left out by hand")};
+            status =
+                f.ok || f.status[line] == Fix::Excluded ? names[f.status[line]] : QStringLiteral("No fix");
+            if (f.ok)
+                residual = number(f.residuals[line], 1);
+        }
+        if (b.receiverValid)
+            ++line;
+        bearingList_->setItem(row, 0, use);
+        const QStringList texts{QDateTime::fromMSecsSinceEpoch(b.time, Qt::UTC).toString(Qt::ISODate),
+                                number(b.direction, 0),
+                                number(b.heading, 0),
+                                b.relative ? QStringLiteral("heading") : QStringLiteral("north"),
+                                number(b.trueBearing, 0),
+                                residual,
+                                status};
+        for (int c = 0; c < texts.size(); ++c)
+            bearingList_->setItem(row, c + 1, cell(texts[c]));
+    }
+    bearingList_->resizeColumnsToContents();
+}
+
+void BearingsWindow::fillAntenna()
+{
+    antenna_ = set_.antennaCheck(angleOffset_->value());
+    const auto& e = antenna_.error;
+    antennaText_->setText(
+        e.count == 0
+            ? QStringLiteral("No message carries both the receiver's position and the platform's.")
+            : QStringLiteral("Measured minus true bearing to the payload position: mean %1°, spread %2°, "
+                             "%3 samples.")
+                  .arg(number(antenna_.meanError(), 1), number(std::min(180.0, e.deviation), 1))
+                  .arg(e.count));
+    if (antenna_.suggestedOffset)
+        suggestion_->setText(QStringLiteral("Suggested angle offset: %1").arg(*antenna_.suggestedOffset));
+    else
+        suggestion_->setText(
+            QStringLiteral("No suggestion: it needs at least %1 samples with a spread under %2°.")
+                .arg(Geo::AntennaCheck::kMinSamples)
+                .arg(Geo::AntennaCheck::kMaxSpread));
+    apply_->setEnabled(antenna_.suggestedOffset.has_value());
+}
+
+void BearingsWindow::applySuggestedOffset()
+{
+    if (antenna_.suggestedOffset)
+        angleOffset_->setValue(*antenna_.suggestedOffset);
+}
+
+void BearingsWindow::updateCompass()
+{
+    std::vector<CompassWidget::Series> series;
+    std::optional<double> heading;
+    qint64 latest = 0;
+    for (const BearingSet::Platform* p : shownPlatforms()) {
+        CompassWidget::Series s{nameOf(*p), colourOf(p->id), {}, {}};
+        const size_t n = p->bearings.size(),
+                     first = n > size_t(needles_->value()) ? n - size_t(needles_->value()) : 0;
+        for (size_t i = first; i < n; ++i)
+            if (p->bearings[i].use)
+                s.bearings.push_back(p->bearings[i].trueBearing);
+        s.stats = Geo::circularStats(s.bearings);
+        if (n > 0 && p->bearings.back().time >= latest) {
+            latest = p->bearings.back().time;
+            heading = p->bearings.back().heading;
+        }
+        series.push_back(std::move(s));
+    }
+    compass_->setSeries(std::move(series), heading);
+}
+
+void BearingsWindow::updateMap()
+{
+    BearingMapWidget::Scene scene;
+    const auto& track = set_.track();
+    if (track.empty()) {
+        map_->setScene(scene);
+        return;
+    }
+    const Geo::LocalProjection projection(track.back());
+    const auto xy = [&](const Geo::GeoPoint& g) {
+        const auto v = projection.forward(g);
+        return QPointF(v.x, v.y);
+    };
+    for (const Geo::GeoPoint& g : track)
+        scene.track << xy(g);
+    const double range = range_->value() * 1000.0;
+    for (const BearingSet::Platform* p : shownPlatforms()) {
+        BearingMapWidget::Lines lines{colourOf(p->id), {}};
+        lines.lines.reserve(p->bearings.size());
+        for (const Geo::Bearing& b : p->bearings) {
+            if (b.payload)
+                scene.payloads.push_back({xy(*b.payload), colourOf(p->id), {}});
+            if (b.use && b.receiverValid)
+                lines.lines.emplace_back(xy(b.receiver),
+                                         xy(Geo::Geodesy::destination(b.receiver, b.trueBearing, range)));
+        }
+        scene.bearings.push_back(std::move(lines));
+        const auto f = fixes_.find(p->id);
+        if (f == fixes_.end() || !f->second.ok)
+            continue;
+        BearingMapWidget::FixMark mark{{xy(f->second.position), colourOf(p->id), nameOf(*p)}, {}};
+        for (const Geo::GeoPoint& g : Geo::BearingExport::ellipseRing(f->second))
+            mark.ellipse << xy(g);
+        scene.fixes.push_back(std::move(mark));
+    }
+    map_->setScene(std::move(scene));
+}
+
+void BearingsWindow::exportFile(const QString& what)
+{
+    const QString suffix = what == QLatin1String("GeoJSON") ? QStringLiteral("geojson") : what.toLower();
+    const QString fileName = MRL::Ui::Dialogs::instance().getSaveFileName(
+        this, QStringLiteral("Export bearings (%1)").arg(what),
+        QStringLiteral("%1 files (*.%2);;All files (*)").arg(what, suffix));
+    if (fileName.isEmpty())
+        return;
+    try {
+        const Geo::BearingExport::Content content{&set_, fixes_, range_->value() * 1000.0};
+        const QByteArray data = what == QLatin1String("GeoJSON") ? Geo::BearingExport::geoJson(content)
+                                : what == QLatin1String("KML")   ? Geo::BearingExport::kml(content)
+                                                                 : Geo::BearingExport::gpx(set_);
+        Geo::BearingExport::save(fileName, data);
+    } catch (const MRL::Utils::Exception& e) {
+        MRL::Ui::Dialogs::instance().critical(this, QStringLiteral("Bearings"), e.message());
+    }
+}
+
+} // namespace OrviaGonioManager::Ui

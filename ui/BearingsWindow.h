@@ -1,0 +1,92 @@
+#pragma once
+
+#include "geo/BearingSet.h"
+
+#include <QTimer>
+#include <QWidget>
+
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QPushButton;
+class QSpinBox;
+class QTableWidget;
+
+namespace OrviaGonioManager::Utils {
+class RxTableModel;
+}
+
+namespace OrviaGonioManager::Ui {
+
+class BearingMapWidget;
+class CompassWidget;
+
+// Where the transmitters are: a compass, an offline map, fixes from bearings and an antenna
+// check, fed by the messages the RX table shows. A window of its own: nothing here reaches the
+// device; "Apply to setup" only fills the software setup's angle offset.
+class BearingsWindow : public QWidget
+{
+    Q_OBJECT
+
+public:
+    BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QWidget* parent = nullptr);
+
+    const Geo::BearingSet& bearings() const { return set_; }
+    const std::map<QString, Geo::Fix>& fixes() const { return fixes_; }
+    CompassWidget* compass() const { return compass_; }
+    BearingMapWidget* map() const { return map_; }
+    // The suggested "Angle offset", when the antenna check has one.
+    std::optional<int> suggestedOffset() const { return antenna_.suggestedOffset; }
+
+public slots:
+    // Everything again from the RX table.
+    void refresh();
+    // Drawing only, from what refresh() computed.
+    void redraw();
+    void applySuggestedOffset();
+
+protected:
+    void showEvent(QShowEvent* event) override;
+
+private:
+    void buildLayout();
+    QWidget* buildControls();
+    QWidget* buildAntennaPanel();
+    void loadPreferences();
+    void savePreferences() const;
+    void scheduleRefresh();
+    void recomputeFixes();
+    void fillPlatforms();
+    void fillFixes();
+    void fillBearingList();
+    void fillAntenna();
+    void updateCompass();
+    void updateMap();
+    QColor colourOf(const QString& platformId) const;
+    QString nameOf(const Geo::BearingSet::Platform& p) const;
+    // The platforms the compass and the list show: the selected one, or every favourite.
+    std::vector<const Geo::BearingSet::Platform*> shownPlatforms() const;
+    void exportFile(const QString& what);
+
+    const Utils::RxTableModel* model_;
+    QSpinBox* angleOffset_;
+    Geo::BearingSet set_;
+    std::map<QString, Geo::Fix> fixes_;
+    Geo::AntennaCheck antenna_;
+    QTimer refreshTimer_;
+    bool stale_ = true;
+
+    QComboBox* platform_ = nullptr;
+    QSpinBox* needles_ = nullptr;
+    QComboBox* reference_ = nullptr;
+    QSpinBox* range_ = nullptr;
+    CompassWidget* compass_ = nullptr;
+    BearingMapWidget* map_ = nullptr;
+    QTableWidget* fixTable_ = nullptr;
+    QTableWidget* bearingList_ = nullptr;
+    QLabel* antennaText_ = nullptr;
+    QLabel* suggestion_ = nullptr;
+    QPushButton* apply_ = nullptr;
+};
+
+} // namespace OrviaGonioManager::Ui
