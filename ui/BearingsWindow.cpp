@@ -186,8 +186,8 @@ QWidget* BearingsWindow::buildAntennaPanel()
     suggestion_->setObjectName(QStringLiteral("labelBearingsSuggestedOffset"));
     apply_ = new QPushButton(QStringLiteral("Apply to setup"), panel);
     apply_->setObjectName(QStringLiteral("pushButtonBearingsApply"));
-    apply_->setToolTip(QStringLiteral("Puts the value in the software setup's \"Angle offset\"; "
-                                      "write the software setup to send it"));
+    apply_->setToolTip(QStringLiteral("Puts the value in the software setup's \"Angle offset\", "
+                                      "which writes it to the receiver as any change of the setup does"));
     connect(apply_, &QPushButton::clicked, this, &BearingsWindow::applySuggestedOffset);
     layout->addWidget(antennaText_);
     layout->addWidget(suggestion_);

@@ -22,8 +22,9 @@ class BearingMapWidget;
 class CompassWidget;
 
 // Where the transmitters are: a compass, an offline map, fixes from bearings and an antenna
-// check, fed by the messages the RX table shows. A window of its own: nothing here reaches the
-// device; "Apply to setup" only fills the software setup's angle offset.
+// check, fed by the messages the RX table shows. A window of its own: nothing here talks to the
+// device; "Apply to setup" fills the software setup's angle offset, whose change the main window
+// writes as it writes any change of the setup.
 class BearingsWindow : public QWidget
 {
     Q_OBJECT
