@@ -3,6 +3,8 @@ BUILD ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 MODEL ?= gnx234
+# A drive past platforms at known positions for the emulator (sim/scenarios/NAME.json), e.g. drive.
+SCENARIO ?=
 
 .PHONY: all deps configure build run test test-asan bench fuzz fuzz-long soak screenshot package package-check clean
 
@@ -18,7 +20,7 @@ build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
 run: build
-	@scripts/run.sh $(BUILD) $(MODEL)
+	@scripts/run.sh $(BUILD) $(MODEL) $(SCENARIO)
 
 test: build
 	@cd $(BUILD) && QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j $(JOBS)

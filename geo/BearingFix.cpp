@@ -27,6 +27,7 @@ struct Vec
 // A line in the projection: a unit normal and its offset, n.X = c.
 struct PlaneLine
 {
+    Vec p; // the point the bearing was taken at
     Vec n;
     double c = 0;
     double w = 1;
@@ -61,7 +62,7 @@ std::optional<PlaneLine> planeLine(const GeoPoint& centre, const BearingLine& l,
     double azi = 0, rk = 0;
     gnomonic().Forward(centre.latitude, centre.longitude, l.from.latitude, l.from.longitude, p.x, p.y, azi,
                        rk);
-    const double r = std::hypot(p.x, p.y);
+    const double r = std::sqrt(p.x * p.x + p.y * p.y);
     if (std::isnan(r) || rk <= 0)
         return std::nullopt;
     *residual = wrap180(l.bearing - azi - 180.0);
@@ -73,6 +74,7 @@ std::optional<PlaneLine> planeLine(const GeoPoint& centre, const BearingLine& l,
     const double alpha = (l.bearing - azi) * kPi / 180;
     const double heading = radial + std::atan2(rk * std::sin(alpha), std::cos(alpha));
     PlaneLine pl;
+    pl.p = p;
     pl.n = {-std::cos(heading), std::sin(heading)}; // normal to (sin, cos)
     pl.c = pl.n.x * p.x + pl.n.y * p.y;
     pl.w = 1.0 / (r * r);
@@ -142,33 +144,41 @@ double spread(const std::vector<BearingLine>& lines, const std::vector<size_t>& 
     return widest;
 }
 
+constexpr size_t kSeedLines = 64; // enough for a first estimate, whatever the count
+
 struct Estimate
 {
-    GeoPoint position;
-    Solution normal;               // in the projection centred on the previous position
-    std::vector<double> residuals; // degrees, per active line, against the previous position
-    std::vector<double> distances; // metres, per active line
+    GeoPoint centre;               // of the projection
+    GeoPoint position;             // the solution
+    Solution normal;               // in the projection
+    std::vector<PlaneLine> plane;  // per active line that has one
+    std::vector<int> lineOf;       // per active line: its plane line, or -1
+    std::vector<double> residuals; // degrees, per active line, against the centre
+    std::vector<double> distances; // metres, per active line that has a plane line
+
+    double shift() const { return std::hypot(normal.x.x, normal.x.y); }
 };
 
 // Lines of the active bearings in the projection centred on centre, solved.
 std::optional<Estimate> step(const std::vector<BearingLine>& lines, const std::vector<size_t>& active,
                              const GeoPoint& centre, bool weighted)
 {
-    std::vector<PlaneLine> plane;
-    plane.reserve(active.size());
     Estimate e;
+    e.centre = centre;
+    e.plane.reserve(active.size());
     for (size_t i : active) {
         double residual = 0;
         auto pl = planeLine(centre, lines[i], &residual);
         e.residuals.push_back(residual);
+        e.lineOf.push_back(pl ? int(e.plane.size()) : -1);
         if (!pl)
             continue;
         e.distances.push_back(1.0 / std::sqrt(pl->w));
         if (!weighted)
             pl->w = 1.0;
-        plane.push_back(*pl);
+        e.plane.push_back(*pl);
     }
-    const auto s = leastSquares(plane);
+    const auto s = leastSquares(e.plane);
     if (!s)
         return std::nullopt;
     e.normal = *s;
@@ -176,17 +186,66 @@ std::optional<Estimate> step(const std::vector<BearingLine>& lines, const std::v
     return e;
 }
 
+// Weighted steps, each in the projection centred on the last estimate, until it settles. Without
+// a seed, the first estimate comes from plain lines through a sample of the bearings.
 std::optional<Estimate> iterate(const std::vector<BearingLine>& lines, const std::vector<size_t>& active,
-                                const GeoPoint& start)
+                                const GeoPoint& start, bool seeded)
 {
-    auto e = step(lines, active, start, false);
-    for (int it = 0; e && it < kMaxIterations; ++it) {
-        const GeoPoint centre = e->position;
+    GeoPoint centre = start;
+    if (!seeded) {
+        std::vector<size_t> sample;
+        for (size_t k = 0; k < kSeedLines && k < active.size(); ++k)
+            sample.push_back(active[k * active.size() / std::min(active.size(), kSeedLines)]);
+        auto seed = step(lines, sample, start, false);
+        if (!seed)
+            seed = step(lines, active, start, false);
+        if (!seed)
+            return std::nullopt;
+        centre = seed->position;
+    }
+    std::optional<Estimate> e;
+    for (int it = 0; it < kMaxIterations; ++it) {
         e = step(lines, active, centre, true);
-        if (e && std::hypot(e->normal.x.x, e->normal.x.y) < kSettled)
+        if (!e || e->shift() < kSettled)
             break;
+        centre = e->position;
     }
     return e;
+}
+
+// The same lines without those left out, solved again in the same projection: leaving out a few
+// bearings moves the estimate far too little to need another.
+std::optional<Estimate> without(const Estimate& e, const std::vector<bool>& keep)
+{
+    Estimate out;
+    out.centre = e.centre;
+    for (size_t k = 0; k < keep.size(); ++k) {
+        if (!keep[k])
+            continue;
+        out.residuals.push_back(e.residuals[k]);
+        const int line = e.lineOf[k];
+        out.lineOf.push_back(line < 0 ? -1 : int(out.plane.size()));
+        if (line >= 0) {
+            out.plane.push_back(e.plane[size_t(line)]);
+            out.distances.push_back(e.distances[size_t(line)]);
+        }
+    }
+    const auto s = leastSquares(out.plane);
+    if (!s)
+        return std::nullopt;
+    out.normal = *s;
+    out.position = unproject(out.centre, s->x);
+    // Residuals in the plane: the perpendicular miss over the distance.
+    for (size_t k = 0; k < out.residuals.size(); ++k) {
+        if (out.lineOf[k] < 0)
+            continue;
+        const PlaneLine& l = out.plane[size_t(out.lineOf[k])];
+        const double d = l.n.x * s->x.x + l.n.y * s->x.y - l.c;
+        const double dx = s->x.x - l.p.x, dy = s->x.y - l.p.y;
+        const double r = std::max(kSamePoint, std::sqrt(dx * dx + dy * dy));
+        out.residuals[k] = std::asin(std::clamp(d / r, -1.0, 1.0)) * 180 / kPi;
+    }
+    return out;
 }
 
 // The factor on one standard deviation that holds the confidence in two dimensions when the
@@ -244,34 +303,43 @@ Fix solve(const std::vector<BearingLine>& lines)
         return noFix(f, QStringLiteral("the bearings are within %1° of each other; at least %2° are needed")
                             .arg(widest, 0, 'f', 1)
                             .arg(kMinSpread));
-    GeoPoint start = centroid(lines, active);
-    std::optional<Estimate> e;
+    std::optional<Estimate> e = iterate(lines, active, centroid(lines, active), false);
+    if (!e)
+        return noFix(f, QStringLiteral("the bearings do not cross"));
     for (;;) {
-        e = iterate(lines, active, start);
-        if (!e)
-            return noFix(f, QStringLiteral("the bearings do not cross"));
         double sum = 0;
         for (double r : e->residuals)
             sum += r * r;
-        f.rms = std::sqrt(sum / double(active.size()));
+        const double rms = std::sqrt(sum / double(active.size()));
         std::vector<size_t> keep;
+        std::vector<bool> kept;
         for (size_t k = 0; k < active.size(); ++k) {
-            f.residuals[active[k]] = e->residuals[k];
-            if (f.rms > 0 && std::abs(e->residuals[k]) > kOutlierRms * f.rms)
+            const bool out = rms > 0 && std::abs(e->residuals[k]) > kOutlierRms * rms;
+            kept.push_back(!out);
+            if (out)
                 f.status[active[k]] = Fix::Outlier;
             else
                 keep.push_back(active[k]);
         }
         if (keep.size() == active.size())
             break;
-        if (!enoughPoints(lines, keep, &points) || spread(lines, keep) < kMinSpread) {
+        std::optional<Estimate> next;
+        if (enoughPoints(lines, keep, &points) && spread(lines, keep) >= kMinSpread)
+            next = without(*e, kept);
+        if (!next) {
             for (size_t i : active)
                 f.status[i] = Fix::Used; // too few would be left: keep them all
             break;
         }
         active = keep;
-        start = e->position;
+        e = next;
     }
+    double sum = 0;
+    for (size_t k = 0; k < active.size(); ++k) {
+        f.residuals[active[k]] = e->residuals[k];
+        sum += e->residuals[k] * e->residuals[k];
+    }
+    f.rms = std::sqrt(sum / double(active.size()));
     for (size_t i = 0; i < lines.size(); ++i)
         if (f.status[i] != Fix::Used)
             f.residuals[i] = wrap180(lines[i].bearing - Geodesy::bearing(lines[i].from, e->position));

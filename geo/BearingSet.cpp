@@ -3,6 +3,8 @@
 #include "mrl/utils/DateTime.h"
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 namespace OrviaGonioManager::Geo {
 
@@ -128,9 +130,26 @@ Fix BearingSet::fix(const QString& platformId) const
 
 std::map<QString, Fix> BearingSet::fixes() const
 {
-    std::map<QString, Fix> out;
+    // Platforms are independent: each core takes the next one.
+    std::vector<const Platform*> todo;
     for (const auto& [id, p] : platforms_)
-        out.emplace(id, BearingFix::solve(lines(p)));
+        todo.push_back(&p);
+    std::vector<Fix> done(todo.size());
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        for (size_t i = next++; i < todo.size(); i = next++)
+            done[i] = BearingFix::solve(lines(*todo[i]));
+    };
+    std::vector<std::thread> threads;
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    for (unsigned t = 1; t < cores && t < todo.size(); ++t)
+        threads.emplace_back(work);
+    work();
+    for (std::thread& t : threads)
+        t.join();
+    std::map<QString, Fix> out;
+    for (size_t i = 0; i < todo.size(); ++i)
+        out.emplace(todo[i]->id, std::move(done[i]));
     return out;
 }
 

@@ -9,4 +9,5 @@ mkdir -p "$top/docs"
 shoot() { xvfb-run -a -s "-screen 0 1400x900x24" "$top/$build/bin/ogm_screenshot" "$top/docs/$1" "$model" ${2:-}; }
 shoot screenshot.png
 shoot screenshot-flash-read.png flash-read
-echo "wrote docs/screenshot.png and docs/screenshot-flash-read.png"
+shoot screenshot-bearings.png bearings
+echo "wrote docs/screenshot.png, docs/screenshot-flash-read.png and docs/screenshot-bearings.png"

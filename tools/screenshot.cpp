@@ -1,10 +1,13 @@
 // Takes the README's screenshots: the window connected to an in-process emulator.
-// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index | flash-read]
-// "flash-read" shows a flash read at the receiver's line rate, caught part-way.
+// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index | flash-read | bearings]
+// "flash-read" shows a flash read at the receiver's line rate, caught part-way; "bearings" the
+// Bearings window on the emulator's drive past three platforms, read from its flash memory.
 #include "app/Settings.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/ToplevelApplication.h"
 #include "sim/PtySimulator.h"
+#include "sim/Scenario.h"
+#include "ui/BearingsWindow.h"
 #include "ui/JobPanel.h"
 #include "ui/MainWindow.h"
 #include "ui_MainWindow.h"
@@ -15,6 +18,7 @@
 #include <QDir>
 #include <QFile>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -39,6 +43,17 @@ int main(int argc, char** argv)
         options.baud = 115200;
         options.flashRecords = 3000;
     }
+    const bool bearings = args.value(3) == QLatin1String("bearings");
+    if (bearings) {
+        QString error;
+        options.scenario =
+            gnxsim::Scenario::load(QStringLiteral(OGM_SOURCE_DIR "/sim/scenarios/drive.json"), &error);
+        if (!options.scenario) {
+            qCritical("%s", qPrintable(error));
+            return 1;
+        }
+        options.flashRecords = 150;
+    }
     gnxsim::PtySimulator sim(options);
     if (!sim.start()) {
         qCritical("cannot start the emulator: %s", qPrintable(sim.errorString()));
@@ -52,6 +67,9 @@ int main(int argc, char** argv)
     QFile::copy(QStringLiteral(OGM_SOURCE_DIR "/Data/format.vtl"),
                 work.filePath(QStringLiteral("Data/format.vtl")));
     QDir::setCurrent(work.filePath(QStringLiteral("run")));
+    qputenv(
+        "XDG_CONFIG_HOME",
+        work.filePath(QStringLiteral("config")).toLocal8Bit()); // the user's own preferences stay as they are
     OrviaGonioManager::Utils::Settings::instance().keepAlivePeriodMs = 0;
 
     qputenv("GNX_EXTRA_PORTS", sim.slavePath().toLocal8Bit());
@@ -79,6 +97,20 @@ int main(int argc, char** argv)
                              window.jobPanel()->cancelButton()->click();
                          });
         window.form()->pushButtonRxFlashRead->click();
+        return status;
+    }
+    if (bearings) {
+        window.form()->tabWidget->setCurrentIndex(2);
+        window.form()->pushButtonRxFlashRead->click();
+        OrviaGonioManager::Ui::BearingsWindow* w = window.bearingsWindow();
+        w->resize(1200, 860);
+        w->findChild<QSpinBox*>(QStringLiteral("spinBoxBearingsRange"))->setValue(12);
+        w->show();
+        QTimer::singleShot(800, &app, [&] {
+            status = w->grab().save(output) ? 0 : 1;
+            app.quit();
+        });
+        app.exec();
         return status;
     }
     const int tab = args.value(3).toInt();

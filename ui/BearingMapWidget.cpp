@@ -23,6 +23,12 @@ void BearingMapWidget::setScene(Scene scene)
     update();
 }
 
+void BearingMapWidget::setShownPlatforms(QSet<QString> platforms)
+{
+    shown_ = std::move(platforms);
+    update();
+}
+
 void BearingMapWidget::fit()
 {
     QRectF box;
@@ -81,9 +87,9 @@ void BearingMapWidget::paintEvent(QPaintEvent*)
 
     // The many bearing lines in one call per platform, without antialiasing.
     for (const Lines& l : scene_.bearings) {
-        QColor c = l.colour;
-        c.setAlphaF(0.35);
-        p.setPen(QPen(c, 0));
+        if (!shown_.contains(l.platform))
+            continue;
+        p.setPen(QPen(l.colour.lighter(150), 0));
         std::vector<QLineF> screen;
         screen.reserve(l.lines.size());
         for (const QLineF& line : l.lines)
@@ -92,18 +98,30 @@ void BearingMapWidget::paintEvent(QPaintEvent*)
     }
     p.setRenderHint(QPainter::Antialiasing);
     p.setPen(QPen(palette().text().color(), 2));
-    p.drawPolyline(t.map(scene_.track));
+    // A long track as the screen shows it: a point a pixel or more from the last one drawn.
+    QPolygonF track;
+    for (const QPointF& m : scene_.track) {
+        const QPointF at = t.map(m);
+        if (track.isEmpty() ||
+            std::abs(at.x() - track.last().x()) + std::abs(at.y() - track.last().y()) >= 1.0)
+            track << at;
+    }
+    p.drawPolyline(track);
     if (!scene_.track.isEmpty()) {
         p.setBrush(palette().text());
         p.drawEllipse(t.map(scene_.track.back()), 4, 4);
     }
     for (const Mark& m : scene_.payloads) {
+        if (!shown_.contains(m.platform))
+            continue;
         p.setPen(QPen(m.colour, 1));
         p.setBrush(Qt::NoBrush);
         const QPointF at = t.map(m.at);
         p.drawRect(QRectF(at.x() - 3, at.y() - 3, 6, 6));
     }
     for (const FixMark& f : scene_.fixes) {
+        if (!shown_.contains(f.mark.platform))
+            continue;
         p.setPen(QPen(f.mark.colour, 2));
         QColor fill = f.mark.colour;
         fill.setAlphaF(0.2);

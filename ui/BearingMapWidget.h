@@ -3,6 +3,7 @@
 #include <QColor>
 #include <QLineF>
 #include <QPolygonF>
+#include <QSet>
 #include <QWidget>
 
 #include <vector>
@@ -18,11 +19,13 @@ class BearingMapWidget : public QWidget
 public:
     struct Lines
     {
+        QString platform;
         QColor colour;
         std::vector<QLineF> lines; // metres
     };
     struct Mark
     {
+        QString platform;
         QPointF at; // metres
         QColor colour;
         QString name;
@@ -42,6 +45,8 @@ public:
 
     explicit BearingMapWidget(QWidget* parent = nullptr);
     void setScene(Scene scene);
+    // The platforms drawn, out of those in the scene.
+    void setShownPlatforms(QSet<QString> platforms);
     const Scene& scene() const { return scene_; }
     QSize sizeHint() const override { return {520, 420}; }
     // Metres per pixel.
@@ -63,6 +68,7 @@ private:
     void drawScaleBar(QPainter& p) const;
 
     Scene scene_;
+    QSet<QString> shown_;
     QPointF centre_;              // metres at the widget's centre
     double metresPerPixel_ = 100; // zoom
     QPoint dragFrom_;

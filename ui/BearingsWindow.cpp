@@ -33,6 +33,7 @@ using Geo::Fix;
 namespace {
 
 constexpr int kRefreshDelayMs = 200; // messages arriving together are taken together
+constexpr size_t kMapLines = 100;    // per platform, the newest: more only hide one another
 const QString kAllFavourites = QStringLiteral("All favourites");
 
 QSettings preferences()
@@ -241,13 +242,17 @@ void BearingsWindow::recomputeFixes()
     fillFixes();
     fillBearingList();
     fillAntenna();
+    updateMap();
     redraw();
 }
 
 void BearingsWindow::redraw()
 {
     updateCompass();
-    updateMap();
+    QSet<QString> shown;
+    for (const BearingSet::Platform* p : shownPlatforms())
+        shown.insert(p->id);
+    map_->setShownPlatforms(std::move(shown));
 }
 
 void BearingsWindow::fillPlatforms()
@@ -277,8 +282,11 @@ std::vector<const BearingSet::Platform*> BearingsWindow::shownPlatforms() const
 {
     std::vector<const BearingSet::Platform*> out;
     const QString id = platform_->currentData().toString();
+    // With no favourite heard, "All favourites" shows every platform rather than nothing.
+    const bool anyFavourite = std::any_of(set_.platforms().begin(), set_.platforms().end(),
+                                          [](const auto& entry) { return entry.second.favourite; });
     for (const auto& [key, p] : set_.platforms())
-        if (id.isEmpty() ? p.favourite : key == id)
+        if (id.isEmpty() ? p.favourite || !anyFavourite : key == id)
             out.push_back(&p);
     return out;
 }
@@ -418,21 +426,27 @@ void BearingsWindow::updateMap()
     for (const Geo::GeoPoint& g : track)
         scene.track << xy(g);
     const double range = range_->value() * 1000.0;
-    for (const BearingSet::Platform* p : shownPlatforms()) {
-        BearingMapWidget::Lines lines{colourOf(p->id), {}};
-        lines.lines.reserve(p->bearings.size());
-        for (const Geo::Bearing& b : p->bearings) {
-            if (b.payload)
-                scene.payloads.push_back({xy(*b.payload), colourOf(p->id), {}});
-            if (b.use && b.receiverValid)
-                lines.lines.emplace_back(xy(b.receiver),
-                                         xy(Geo::Geodesy::destination(b.receiver, b.trueBearing, range)));
+    for (const auto& [id, platform] : set_.platforms()) {
+        const BearingSet::Platform* p = &platform;
+        BearingMapWidget::Lines lines{p->id, colourOf(p->id), {}};
+        QSet<QPair<qint64, qint64>> sent; // payload positions, to the metre: a buoy that stays is one mark
+        for (auto b = p->bearings.rbegin(); b != p->bearings.rend(); ++b) {
+            if (b->payload) {
+                const QPointF at = xy(*b->payload);
+                if (!sent.contains({qRound64(at.x()), qRound64(at.y())})) {
+                    sent.insert({qRound64(at.x()), qRound64(at.y())});
+                    scene.payloads.push_back({p->id, at, colourOf(p->id), {}});
+                }
+            }
+            if (b->use && b->receiverValid && lines.lines.size() < kMapLines)
+                lines.lines.emplace_back(xy(b->receiver),
+                                         xy(Geo::Geodesy::destination(b->receiver, b->trueBearing, range)));
         }
         scene.bearings.push_back(std::move(lines));
         const auto f = fixes_.find(p->id);
         if (f == fixes_.end() || !f->second.ok)
             continue;
-        BearingMapWidget::FixMark mark{{xy(f->second.position), colourOf(p->id), nameOf(*p)}, {}};
+        BearingMapWidget::FixMark mark{{p->id, xy(f->second.position), colourOf(p->id), nameOf(*p)}, {}};
         for (const Geo::GeoPoint& g : Geo::BearingExport::ellipseRing(f->second))
             mark.ellipse << xy(g);
         scene.fixes.push_back(std::move(mark));

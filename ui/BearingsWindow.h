@@ -62,6 +62,7 @@ private:
     void fillBearingList();
     void fillAntenna();
     void updateCompass();
+    // The map's scene, in metres, for every platform: made again only when the data changes.
     void updateMap();
     QColor colourOf(const QString& platformId) const;
     QString nameOf(const Geo::BearingSet::Platform& p) const;

@@ -1,9 +1,9 @@
 #include "ui/CompassWidget.h"
 
 #include <QPainter>
-#include <QPainterPath>
 
 #include <cmath>
+#include <vector>
 
 namespace OrviaGonioManager::Ui {
 
@@ -38,7 +38,7 @@ void CompassWidget::paintEvent(QPaintEvent*)
     QPainter p(this);
     p.setRenderHint(QPainter::Antialiasing);
     p.fillRect(rect(), palette().base());
-    const int legendWidth = series_.empty() ? 0 : std::min(width() / 3, 140);
+    const int legendWidth = series_.empty() ? 0 : std::min(width() / 2, 190);
     const QRectF roseArea(0, 0, width() - legendWidth, height());
     const double r = std::min(roseArea.width(), roseArea.height()) / 2 - 24;
     if (r <= 10)
@@ -55,27 +55,41 @@ void CompassWidget::paintEvent(QPaintEvent*)
         p.drawText(QRectF(at.x() - 10, at.y() - 10, 20, 20), Qt::AlignCenter, QLatin1String(names[i]));
     }
 
+    // Needles fade in steps: the newest is the most opaque. Many of them are drawn without
+    // smoothing, where it would cost more than it shows.
+    constexpr int kFadeSteps = 5;
+    size_t needles = 0;
+    for (const Series& s : series_)
+        needles += s.bearings.size();
+    p.setRenderHint(QPainter::Antialiasing, needles <= 200);
     for (const Series& s : series_) {
         const size_t n = s.bearings.size();
-        for (size_t i = 0; i < n; ++i) {
+        std::vector<QLineF> steps[kFadeSteps];
+        for (size_t i = 0; i < n; ++i)
+            steps[std::min<size_t>(kFadeSteps - 1, i * kFadeSteps / n)].emplace_back(
+                c, along(c, s.bearings[i], r * 0.9));
+        for (int k = 0; k < kFadeSteps; ++k) {
             QColor colour = s.colour;
-            colour.setAlphaF(0.15 + 0.6 * double(i + 1) / double(n)); // the newest is the most opaque
+            colour.setAlphaF(0.15 + 0.6 * (k + 1) / kFadeSteps);
             p.setPen(QPen(colour, 1.5));
-            p.drawLine(c, along(c, s.bearings[i], r * 0.9));
+            p.drawLines(steps[k].data(), int(steps[k].size()));
         }
+        p.setRenderHint(QPainter::Antialiasing);
         if (s.stats.count == 0 || s.stats.resultant <= 0)
             continue;
+        // The spread as an arc along the rim, mean plus and minus one circular deviation. Qt's
+        // arcs start at three o'clock, turn counter-clockwise and count sixteenths of a degree.
         const double spread = std::min(180.0, s.stats.deviation);
         QColor arc = s.colour;
-        arc.setAlphaF(0.25);
-        QPainterPath wedge(c);
-        // Qt's arcs start at three o'clock and turn counter-clockwise.
-        wedge.arcTo(QRectF(c.x() - r * 0.95, c.y() - r * 0.95, r * 1.9, r * 1.9),
-                    90 - (s.stats.mean + spread), 2 * spread);
-        wedge.closeSubpath();
-        p.fillPath(wedge, arc);
+        arc.setAlphaF(0.5);
+        p.setPen(QPen(arc, 6, Qt::SolidLine, Qt::FlatCap));
+        p.setBrush(Qt::NoBrush);
+        const double ar = r - 5;
+        p.drawArc(QRectF(c.x() - ar, c.y() - ar, 2 * ar, 2 * ar),
+                  int(std::lround((90 - s.stats.mean - spread) * 16)), int(std::lround(2 * spread * 16)));
         p.setPen(QPen(s.colour, 4, Qt::SolidLine, Qt::RoundCap));
         p.drawLine(c, along(c, s.stats.mean, r * 0.95));
+        p.setRenderHint(QPainter::Antialiasing, needles <= 200);
     }
 
     if (heading_) {

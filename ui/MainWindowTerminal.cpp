@@ -10,7 +10,6 @@
 #include <QSaveFile>
 #include <QSignalBlocker>
 
-
 namespace OrviaGonioManager::Ui {
 
 namespace {
