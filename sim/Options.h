@@ -25,13 +25,13 @@ struct Options
     Model model = Model::Gnx234;
     Mode mode = Mode::App;
     quint32 seed = 1;
-    int platforms = 0;      // favourite slots filled at start
-    int flashRecords = 0;   // messages stored in flash memory at start
-    int liveIntervalMs = 0; // 0 = no live reports
-    int baud = 0;           // 0 = unthrottled
-    QString linkPath;       // symbolic link kept pointing at the slave side
-    QString statePath;      // setups, slots and flash kept across runs
-    QDateTime startTime;    // device clock at start (UTC); invalid = system time
+    int platforms = 0;                        // favourite slots filled at start
+    int flashRecords = 0;                     // messages stored in flash memory at start
+    int liveIntervalMs = 0;                   // 0 = no live reports
+    int baud = 0;                             // 0 = unthrottled
+    QString linkPath;                         // symbolic link kept pointing at the slave side
+    QString statePath;                        // setups, slots and flash kept across runs
+    QDateTime startTime;                      // device clock at start (UTC); invalid = system time
     std::shared_ptr<const Scenario> scenario; // a drive past known platforms instead of random ones
 };
 

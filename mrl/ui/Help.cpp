@@ -14,8 +14,7 @@ Help::Help(QMainWindow* window, const QString& iconResource, const QString& logo
            const QString& buildDateTime)
     : QObject(window), window_(window), iconResource_(iconResource), logoResource_(logoResource),
       buildDateTime_(buildDateTime)
-{
-}
+{}
 
 QToolBar* Help::setupUiToolbar()
 {

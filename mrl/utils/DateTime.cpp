@@ -6,7 +6,8 @@ namespace MRL::Utils {
 
 DateTime DateTime::fromMjd(quint64 mjd, double secondsOfDay)
 {
-    const double ms = (double(qint64(mjd) - qint64(kMjdEpoch)) * double(kDayMs)) + 1000.0 * secondsOfDay + 0.5;
+    const double ms =
+        (double(qint64(mjd) - qint64(kMjdEpoch)) * double(kDayMs)) + 1000.0 * secondsOfDay + 0.5;
     return DateTime(qint64(std::floor(ms)));
 }
 

@@ -16,7 +16,8 @@ std::unique_ptr<QSettings> Settings::getSettings(SettingsOperation_t operation) 
 QVariant Settings::loadVariable(const QSettings& settings, const QString& key)
 {
     if (!settings.contains(key))
-        throw Exception(QStringLiteral("Missing key %1 in settings file %2").arg(key, settings.fileName()), 2);
+        throw Exception(QStringLiteral("Missing key %1 in settings file %2").arg(key, settings.fileName()),
+                        2);
     return settings.value(key);
 }
 

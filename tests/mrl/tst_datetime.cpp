@@ -17,14 +17,14 @@ private slots:
         QTest::newRow("epoch") << QDateTime(QDate(1970, 1, 1), QTime(0, 0), Qt::UTC) << quint64(40587) << 0.0;
         QTest::newRow("2000-01-01") << QDateTime(QDate(2000, 1, 1), QTime(0, 0), Qt::UTC) << quint64(51544)
                                     << 0.0;
-        QTest::newRow("leap day 2024") << QDateTime(QDate(2024, 2, 29), QTime(12, 0), Qt::UTC) << quint64(60369)
-                                       << 43200.0;
-        QTest::newRow("day after leap day") << QDateTime(QDate(2024, 3, 1), QTime(0, 0), Qt::UTC)
-                                            << quint64(60370) << 0.0;
+        QTest::newRow("leap day 2024")
+            << QDateTime(QDate(2024, 2, 29), QTime(12, 0), Qt::UTC) << quint64(60369) << 43200.0;
+        QTest::newRow("day after leap day")
+            << QDateTime(QDate(2024, 3, 1), QTime(0, 0), Qt::UTC) << quint64(60370) << 0.0;
         QTest::newRow("last second") << QDateTime(QDate(2026, 11, 22), QTime(23, 59, 59), Qt::UTC)
                                      << quint64(61366) << 86399.0;
-        QTest::newRow("last millisecond") << QDateTime(QDate(1970, 1, 1), QTime(23, 59, 59, 999), Qt::UTC)
-                                          << quint64(40587) << 86399.999;
+        QTest::newRow("last millisecond")
+            << QDateTime(QDate(1970, 1, 1), QTime(23, 59, 59, 999), Qt::UTC) << quint64(40587) << 86399.999;
     }
 
     void mjd()

@@ -57,7 +57,8 @@ private slots:
         }());
         // The worker's event loop survived and still runs slots.
         bool ran = false;
-        QMetaObject::invokeMethod(&thrower, [&] { ran = true; }, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+            &thrower, [&] { ran = true; }, Qt::BlockingQueuedConnection);
         QVERIFY(ran);
         thread.quit();
         thread.wait();

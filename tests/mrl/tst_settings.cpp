@@ -36,9 +36,9 @@ private slots:
         QCOMPARE(s.nprMessagesFormat, 0);
 
         const QString text = readFile(path);
-        const QStringList expected{"printUartDebugInfo=0",  "printAtCmdDebugInfo=1",
+        const QStringList expected{"printUartDebugInfo=0",      "printAtCmdDebugInfo=1",
                                    "gnxCommandTimeoutMs=60000", "keepAliveTimeoutMs=500",
-                                   "keepAlivePeriodMs=1000", "keepChecksumErrorOnNprGnx134=0",
+                                   "keepAlivePeriodMs=1000",    "keepChecksumErrorOnNprGnx134=0",
                                    "nprMessagesFormat=0"};
         for (const QString& line : expected)
             QVERIFY2(text.contains(line), qPrintable(line + " missing in\n" + text));

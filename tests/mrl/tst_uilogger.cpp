@@ -36,7 +36,8 @@ private slots:
     void messagesFromAnotherThreadArrive()
     {
         UiLogger logger;
-        connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &logger, &UiLogger::slotAppendMessage);
+        connect(MRL::Ui::LogHub::instance(), &MRL::Ui::LogHub::sigMessage, &logger,
+                &UiLogger::slotAppendMessage);
         QThread* thread = QThread::create([] {
             for (int i = 0; i < 50; ++i)
                 qWarning().noquote() << "from worker" << i;
