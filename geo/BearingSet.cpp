@@ -66,7 +66,7 @@ void BearingSet::clear()
 void BearingSet::add(const Utils::RxTableModel::Row& row)
 {
     Bearing b = fromRow(row, relative_);
-    b.use = !excluded_.contains(b.key());
+    b.use = excluded_.isEmpty() || !excluded_.contains(b.key());
     if (b.receiverValid)
         trackPoints_.emplace_back(b.time, b.receiver);
     Platform& p = platforms_[b.platformId];
