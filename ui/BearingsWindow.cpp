@@ -24,6 +24,7 @@
 #include <QVBoxLayout>
 
 #include <cmath>
+#include <memory>
 
 namespace OrviaGonioManager::Ui {
 
@@ -71,6 +72,16 @@ BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angle
     connect(model_, &QAbstractItemModel::rowsInserted, this, &BearingsWindow::scheduleRefresh);
     connect(model_, &QAbstractItemModel::rowsRemoved, this, &BearingsWindow::scheduleRefresh);
     connect(angleOffset_, &QSpinBox::valueChanged, this, &BearingsWindow::fillAntenna);
+    fixWorker_ = new QObject;
+    fixWorker_->moveToThread(&fixThread_);
+    connect(&fixThread_, &QThread::finished, fixWorker_, &QObject::deleteLater);
+    fixThread_.start();
+}
+
+BearingsWindow::~BearingsWindow()
+{
+    fixThread_.quit();
+    fixThread_.wait();
 }
 
 void BearingsWindow::buildLayout()
@@ -236,14 +247,35 @@ void BearingsWindow::refresh()
     recomputeFixes();
 }
 
+// Fixes take a while with many bearings: they are computed on a copy in the worker's thread,
+// and only the latest request's answer is taken.
 void BearingsWindow::recomputeFixes()
 {
-    fixes_ = set_.fixes();
-    fillFixes();
+    const quint64 generation = ++generation_;
+    auto snapshot = std::make_shared<const BearingSet>(set_);
+    QMetaObject::invokeMethod(fixWorker_, [this, generation, snapshot] {
+        std::map<QString, Fix> fixes = snapshot->fixes();
+        QMetaObject::invokeMethod(this, [this, generation, fixes = std::move(fixes)]() mutable {
+            fixesComputed(generation, std::move(fixes));
+        });
+    });
     fillBearingList();
     fillAntenna();
     updateMap();
     redraw();
+}
+
+void BearingsWindow::fixesComputed(quint64 generation, std::map<QString, Fix> fixes)
+{
+    if (generation != generation_)
+        return; // the bearings changed meanwhile: a newer answer is on its way
+    fixes_ = std::move(fixes);
+    fixesGeneration_ = generation;
+    fillFixes();
+    fillBearingList();
+    updateMap();
+    redraw();
+    emit sigFixesReady();
 }
 
 void BearingsWindow::redraw()
@@ -336,7 +368,7 @@ void BearingsWindow::fillBearingList()
         use->setData(Qt::UserRole, b.key());
         QString status = QStringLiteral("No position");
         QString residual;
-        if (b.receiverValid && fit != fixes_.end() && line < fit->second.status.size()) {
+        if (b.receiverValid && fixesReady() && fit != fixes_.end() && line < fit->second.status.size()) {
             const Fix& f = fit->second;
             static const QString names[3] = {QStringLiteral("Used"), QStringLiteral("Left out (outlier)"),
                                              QStringLiteral("Left out by hand")};
@@ -463,7 +495,8 @@ void BearingsWindow::exportFile(const QString& what)
     if (fileName.isEmpty())
         return;
     try {
-        const Geo::BearingExport::Content content{&set_, fixes_, range_->value() * 1000.0};
+        const Geo::BearingExport::Content content{&set_, fixesReady() ? fixes_ : set_.fixes(),
+                                                  range_->value() * 1000.0};
         const QByteArray data = what == QLatin1String("GeoJSON") ? Geo::BearingExport::geoJson(content)
                                 : what == QLatin1String("KML")   ? Geo::BearingExport::kml(content)
                                                                  : Geo::BearingExport::gpx(set_);

@@ -2,6 +2,7 @@
 
 #include "geo/BearingSet.h"
 
+#include <QThread>
 #include <QTimer>
 #include <QWidget>
 
@@ -31,13 +32,20 @@ class BearingsWindow : public QWidget
 
 public:
     BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QWidget* parent = nullptr);
+    ~BearingsWindow() override;
 
     const Geo::BearingSet& bearings() const { return set_; }
+    // The fixes of the bearings as they are now, once fixesReady() says so: they are computed
+    // away from the window's thread.
     const std::map<QString, Geo::Fix>& fixes() const { return fixes_; }
+    bool fixesReady() const { return fixesGeneration_ == generation_; }
     CompassWidget* compass() const { return compass_; }
     BearingMapWidget* map() const { return map_; }
     // The suggested "Angle offset", when the antenna check has one.
     std::optional<int> suggestedOffset() const { return antenna_.suggestedOffset; }
+
+signals:
+    void sigFixesReady();
 
 public slots:
     // Everything again from the RX table.
@@ -57,6 +65,7 @@ private:
     void savePreferences() const;
     void scheduleRefresh();
     void recomputeFixes();
+    void fixesComputed(quint64 generation, std::map<QString, Geo::Fix> fixes);
     void fillPlatforms();
     void fillFixes();
     void fillBearingList();
@@ -76,6 +85,10 @@ private:
     std::map<QString, Geo::Fix> fixes_;
     Geo::AntennaCheck antenna_;
     QTimer refreshTimer_;
+    QThread fixThread_;
+    QObject* fixWorker_ = nullptr; // lives in fixThread_
+    quint64 generation_ = 0;       // of the bearings
+    quint64 fixesGeneration_ = 0;  // of the bearings fixes_ were computed from
     bool stale_ = true;
 
     QComboBox* platform_ = nullptr;

@@ -82,7 +82,7 @@ private slots:
 
         window_->bearingsAction()->trigger();
         QVERIFY(bearings()->isVisible());
-        QTRY_COMPARE_WITH_TIMEOUT(int(bearings()->fixes().size()), 4, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady() && bearings()->fixes().size() == 4, 5000);
         for (const auto& platform : scenario_->platforms()) {
             const Fix& f = bearings()->fixes().at(platform.id);
             QVERIFY2(f.ok, qPrintable(f.reason));
@@ -119,7 +119,7 @@ private slots:
 
         // One platform through the RX table's filter.
         ui()->lineEditRxIdFilter->setText("33BBA");
-        QTRY_COMPARE_WITH_TIMEOUT(int(bearings()->fixes().size()), 1, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady() && bearings()->fixes().size() == 1, 5000);
         QVERIFY(bearings()->fixes().count("33BBA"));
 
         // A bearing unticked by hand.
@@ -129,6 +129,7 @@ private slots:
         QCOMPARE(list->rowCount(), 30);
         const int used = bearings()->fixes().at("33BBA").used;
         list->item(0, 0)->setCheckState(Qt::Unchecked);
+        QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady(), 5000);
         QCOMPARE(bearings()->fixes().at("33BBA").used, used - 1);
         QCOMPARE(bearings()->fixes().at("33BBA").status[0], Fix::Excluded);
         QCOMPARE(list->item(0, 7)->text(), QString("Left out by hand"));
