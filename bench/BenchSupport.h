@@ -3,6 +3,7 @@
 #include "app/Settings.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <memory>
@@ -20,6 +21,11 @@ inline std::unique_ptr<QTemporaryDir> enterBenchSandbox()
     settings.printUartDebugInfo = false;
     settings.keepAlivePeriodMs = 0;
     return dir;
+}
+
+inline double msSince(const QElapsedTimer& t)
+{
+    return double(t.nsecsElapsed()) / 1e6;
 }
 
 // Resident memory of this process, in MB.

@@ -10,24 +10,20 @@
 #include <QSaveFile>
 #include <QXmlStreamWriter>
 
+#include <QtMath>
+
 #include <cmath>
 
 namespace OrviaGonioManager::Geo::BearingExport {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr int kLinePoints = 16;
 const char* const kFormat = "orvia-bearings";
 
 QString isoTime(qint64 ms)
 {
     return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC).toString(Qt::ISODateWithMs);
-}
-
-QString platformName(const BearingSet::Platform& p)
-{
-    return p.label.isEmpty() ? p.id : QStringLiteral("%1 (%2)").arg(p.label, p.id);
 }
 
 QJsonArray position(const GeoPoint& p)
@@ -112,14 +108,14 @@ void kmlPlacemark(QXmlStreamWriter& x, const QString& name, const QString& descr
 std::vector<GeoPoint> ellipseRing(const Fix& fix, int points)
 {
     std::vector<GeoPoint> ring;
-    const double a = fix.orientation * kPi / 180;
+    const double a = qDegreesToRadians(fix.orientation);
     for (int i = 0; i <= points; ++i) {
-        const double t = 2 * kPi * (i % points) / points;
+        const double t = 2 * M_PI * (i % points) / points;
         // Along the major axis (azimuth a) and across it, in metres east and north.
         const double u = fix.semiMajor * std::cos(t), v = fix.semiMinor * std::sin(t);
         const double east = u * std::sin(a) + v * std::cos(a), north = u * std::cos(a) - v * std::sin(a);
-        ring.push_back(
-            Geodesy::destination(fix.position, std::atan2(east, north) * 180 / kPi, std::hypot(east, north)));
+        ring.push_back(Geodesy::destination(fix.position, qRadiansToDegrees(std::atan2(east, north)),
+                                            std::hypot(east, north)));
     }
     return ring;
 }
@@ -174,7 +170,7 @@ QByteArray kml(const Content& c)
     for (const auto& [id, f] : c.fixes) {
         if (!f.ok)
             continue;
-        const QString name = platformName(c.set->platforms().at(id));
+        const QString name = c.set->platforms().at(id).name();
         const QString text =
             QStringLiteral("95%: %1 m x %2 m at %3 deg; CEP %4 m; %5 bearings used, %6 left out; RMS %7 deg")
                 .arg(f.semiMajor, 0, 'f', 1)
@@ -201,7 +197,7 @@ QByteArray kml(const Content& c)
     }
     forEachBearing(c, [&](const BearingSet::Platform& p, const Bearing& b, const Fix* f, size_t line) {
         const QJsonObject o = bearingProperties(p, b, f, line);
-        kmlPlacemark(x, QStringLiteral("Bearing %1 %2").arg(platformName(p), o["time"].toString()),
+        kmlPlacemark(x, QStringLiteral("Bearing %1 %2").arg(p.name(), o["time"].toString()),
                      QStringLiteral("direction %1 deg, heading %2 deg, from %3: true bearing %4 deg (%5)")
                          .arg(b.direction)
                          .arg(b.heading)
@@ -247,7 +243,7 @@ QByteArray gpx(const BearingSet& set)
             if (b.payload) {
                 point("wpt", *b.payload);
                 x.writeTextElement("time", isoTime(b.time));
-                x.writeTextElement("name", platformName(p));
+                x.writeTextElement("name", p.name());
                 x.writeEndElement();
             }
     x.writeStartElement("trk");

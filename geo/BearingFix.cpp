@@ -5,7 +5,9 @@
 #include <GeographicLib/Geodesic.hpp>
 #include <GeographicLib/Gnomonic.hpp>
 
+#include <QtMath>
 #include <algorithm>
+
 #include <cmath>
 #include <optional>
 
@@ -13,7 +15,6 @@ namespace OrviaGonioManager::Geo::BearingFix {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr double kSettled = 0.01;       // metres
 constexpr double kMaxRange = 2000000.0; // metres: beyond this the bearings hardly cross
 constexpr double kSamePoint = 1.0;      // metres
@@ -71,7 +72,7 @@ std::optional<PlaneLine> planeLine(const GeoPoint& centre, const BearingLine& l,
         return std::nullopt;
     }
     const double radial = std::atan2(p.x, p.y); // from north, clockwise, in the plane
-    const double alpha = (l.bearing - azi) * kPi / 180;
+    const double alpha = qDegreesToRadians(l.bearing - azi);
     const double heading = radial + std::atan2(rk * std::sin(alpha), std::cos(alpha));
     PlaneLine pl;
     pl.p = p;
@@ -105,12 +106,13 @@ GeoPoint centroid(const std::vector<BearingLine>& lines, const std::vector<size_
     // Through unit vectors, so that the date line does not split the points.
     double x = 0, y = 0, z = 0;
     for (size_t i : active) {
-        const double la = lines[i].from.latitude * kPi / 180, lo = lines[i].from.longitude * kPi / 180;
+        const double la = qDegreesToRadians(lines[i].from.latitude),
+                     lo = qDegreesToRadians(lines[i].from.longitude);
         x += std::cos(la) * std::cos(lo);
         y += std::cos(la) * std::sin(lo);
         z += std::sin(la);
     }
-    return {std::atan2(z, std::hypot(x, y)) * 180 / kPi, std::atan2(y, x) * 180 / kPi};
+    return {qRadiansToDegrees(std::atan2(z, std::hypot(x, y))), qRadiansToDegrees(std::atan2(y, x))};
 }
 
 // Enough different points, counted up to enough: within a metre is one point.
@@ -243,7 +245,7 @@ std::optional<Estimate> without(const Estimate& e, const std::vector<bool>& keep
         const double d = l.n.x * s->x.x + l.n.y * s->x.y - l.c;
         const double dx = s->x.x - l.p.x, dy = s->x.y - l.p.y;
         const double r = std::max(kSamePoint, std::sqrt(dx * dx + dy * dy));
-        out.residuals[k] = std::asin(std::clamp(d / r, -1.0, 1.0)) * 180 / kPi;
+        out.residuals[k] = qRadiansToDegrees(std::asin(std::clamp(d / r, -1.0, 1.0)));
     }
     return out;
 }
@@ -267,7 +269,7 @@ void setEllipse(Fix& f, const Estimate& e, double variance, int dof)
     f.semiMajor = k * major;
     f.semiMinor = k * minor;
     // x is east and y north: the angle from east turns into an azimuth.
-    const double fromEast = 0.5 * std::atan2(2 * cxy, cxx - cyy) * 180 / kPi;
+    const double fromEast = qRadiansToDegrees(0.5 * std::atan2(2 * cxy, cxx - cyy));
     f.orientation = std::fmod(wrap360(90.0 - fromEast), 180.0);
     f.cep = 0.5887 * (major + minor);
 }
@@ -353,7 +355,7 @@ Fix solve(const std::vector<BearingLine>& lines)
         return noFix(f, QStringLiteral("the bearings cross %1 km away").arg(farthest / 1000, 0, 'f', 0));
     f.position = e->position;
     const int dof = f.used - 2;
-    setEllipse(f, *e, f.rms * f.rms * double(f.used) / dof * (kPi / 180) * (kPi / 180), dof);
+    setEllipse(f, *e, qDegreesToRadians(f.rms) * qDegreesToRadians(f.rms) * double(f.used) / dof, dof);
     f.ok = true;
     return f;
 }

@@ -44,6 +44,9 @@ public:
         QString label;
         bool favourite = false;
         std::vector<Bearing> bearings; // oldest first
+
+        // "Label (ID)", or the identifier alone.
+        QString name() const { return label.isEmpty() ? id : QStringLiteral("%1 (%2)").arg(label, id); }
     };
 
     // One platform whatever the width it is written in ("33BBA", "0033BBA").

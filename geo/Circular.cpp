@@ -1,14 +1,11 @@
 #include "geo/Circular.h"
 
+#include <QtMath>
+
 #include <cmath>
 #include <limits>
 
 namespace OrviaGonioManager::Geo {
-
-namespace {
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kRad = kPi / 180.0;
-} // namespace
 
 double wrap360(double degrees)
 {
@@ -28,16 +25,16 @@ CircularStats circularStats(const std::vector<double>& degrees, const std::vecto
     double c = 0, sn = 0, total = 0;
     for (size_t i = 0; i < degrees.size(); ++i) {
         const double w = i < weights.size() ? weights[i] : 1.0;
-        c += w * std::cos(degrees[i] * kRad);
-        sn += w * std::sin(degrees[i] * kRad);
+        c += w * std::cos(qDegreesToRadians(degrees[i]));
+        sn += w * std::sin(qDegreesToRadians(degrees[i]));
         total += w;
     }
     s.count = int(degrees.size());
     if (total <= 0)
         return s;
     s.resultant = std::min(1.0, std::hypot(c, sn) / total);
-    s.mean = s.resultant > 0 ? wrap360(std::atan2(sn, c) / kRad) : 0.0;
-    s.deviation = s.resultant > 0 ? std::sqrt(-2.0 * std::log(s.resultant)) / kRad
+    s.mean = s.resultant > 0 ? wrap360(qRadiansToDegrees(std::atan2(sn, c))) : 0.0;
+    s.deviation = s.resultant > 0 ? qRadiansToDegrees(std::sqrt(-2.0 * std::log(s.resultant)))
                                   : std::numeric_limits<double>::infinity();
     return s;
 }

@@ -294,13 +294,8 @@ void BearingsWindow::fillPlatforms()
     platform_->clear();
     platform_->addItem(kAllFavourites, QString());
     for (const auto& [id, p] : set_.platforms())
-        platform_->addItem(nameOf(p), id);
+        platform_->addItem(p.name(), id);
     platform_->setCurrentIndex(std::max(0, platform_->findData(current)));
-}
-
-QString BearingsWindow::nameOf(const BearingSet::Platform& p) const
-{
-    return p.label.isEmpty() ? p.id : QStringLiteral("%1 (%2)").arg(p.label, p.id);
 }
 
 QColor BearingsWindow::colourOf(const QString& platformId) const
@@ -329,7 +324,7 @@ void BearingsWindow::fillFixes()
     for (const auto& [id, f] : fixes_) {
         const int row = fixTable_->rowCount();
         fixTable_->insertRow(row);
-        fixTable_->setItem(row, 0, cell(nameOf(set_.platforms().at(id))));
+        fixTable_->setItem(row, 0, cell(set_.platforms().at(id).name()));
         if (!f.ok) {
             fixTable_->setItem(row, 1, cell(QStringLiteral("No fix: %1").arg(f.reason)));
             continue;
@@ -426,7 +421,7 @@ void BearingsWindow::updateCompass()
     std::optional<double> heading;
     qint64 latest = 0;
     for (const BearingSet::Platform* p : shownPlatforms()) {
-        CompassWidget::Series s{nameOf(*p), colourOf(p->id), {}, {}};
+        CompassWidget::Series s{p->name(), colourOf(p->id), {}, {}};
         const size_t n = p->bearings.size(),
                      first = n > size_t(needles_->value()) ? n - size_t(needles_->value()) : 0;
         for (size_t i = first; i < n; ++i)
@@ -455,20 +450,25 @@ void BearingsWindow::updateMap()
         const auto v = projection.forward(g);
         return QPointF(v.x, v.y);
     };
+    // The drawn track needs no point closer than about 10 m to the last one.
+    constexpr double kTrackStep = 1e-4; // degrees
+    Geo::GeoPoint last{1000, 1000};
     for (const Geo::GeoPoint& g : track)
-        scene.track << xy(g);
+        if (std::abs(g.latitude - last.latitude) + std::abs(g.longitude - last.longitude) >= kTrackStep ||
+            &g == &track.back()) {
+            scene.track << xy(g);
+            last = g;
+        }
     const double range = range_->value() * 1000.0;
     for (const auto& [id, platform] : set_.platforms()) {
         const BearingSet::Platform* p = &platform;
-        BearingMapWidget::Lines lines{p->id, colourOf(p->id), {}};
-        QSet<QPair<qint64, qint64>> sent; // payload positions, to the metre: a buoy that stays is one mark
+        const QColor colour = colourOf(p->id);
+        BearingMapWidget::Lines lines{p->id, colour, {}};
+        QSet<QPair<double, double>> sent; // a buoy that stays sends one position: one mark
         for (auto b = p->bearings.rbegin(); b != p->bearings.rend(); ++b) {
-            if (b->payload) {
-                const QPointF at = xy(*b->payload);
-                if (!sent.contains({qRound64(at.x()), qRound64(at.y())})) {
-                    sent.insert({qRound64(at.x()), qRound64(at.y())});
-                    scene.payloads.push_back({p->id, at, colourOf(p->id), {}});
-                }
+            if (b->payload && !sent.contains({b->payload->latitude, b->payload->longitude})) {
+                sent.insert({b->payload->latitude, b->payload->longitude});
+                scene.payloads.push_back({p->id, xy(*b->payload), colour, {}});
             }
             if (b->use && b->receiverValid && lines.lines.size() < kMapLines)
                 lines.lines.emplace_back(xy(b->receiver),
@@ -478,7 +478,7 @@ void BearingsWindow::updateMap()
         const auto f = fixes_.find(p->id);
         if (f == fixes_.end() || !f->second.ok)
             continue;
-        BearingMapWidget::FixMark mark{{p->id, xy(f->second.position), colourOf(p->id), nameOf(*p)}, {}};
+        BearingMapWidget::FixMark mark{{p->id, xy(f->second.position), colour, p->name()}, {}};
         for (const Geo::GeoPoint& g : Geo::BearingExport::ellipseRing(f->second))
             mark.ellipse << xy(g);
         scene.fixes.push_back(std::move(mark));

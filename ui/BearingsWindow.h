@@ -74,7 +74,6 @@ private:
     // The map's scene, in metres, for every platform: made again only when the data changes.
     void updateMap();
     QColor colourOf(const QString& platformId) const;
-    QString nameOf(const Geo::BearingSet::Platform& p) const;
     // The platforms the compass and the list show: the selected one, or every favourite.
     std::vector<const Geo::BearingSet::Platform*> shownPlatforms() const;
     void exportFile(const QString& what);

@@ -2,6 +2,8 @@
 
 #include <QPainter>
 
+#include <QtMath>
+
 #include <cmath>
 #include <vector>
 
@@ -9,12 +11,10 @@ namespace OrviaGonioManager::Ui {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
 // A point at radius r along a bearing, with y growing downwards on screen.
 QPointF along(const QPointF& centre, double bearing, double r)
 {
-    const double a = bearing * kPi / 180;
+    const double a = qDegreesToRadians(bearing);
     return centre + QPointF(r * std::sin(a), -r * std::cos(a));
 }
 

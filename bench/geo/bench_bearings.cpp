@@ -27,11 +27,6 @@ constexpr int kPlatforms = 50;
 constexpr double kFixTargetMs = 200;
 constexpr double kRedrawTargetMs = 30;
 
-double msSince(const QElapsedTimer& t)
-{
-    return double(t.nsecsElapsed()) / 1e6;
-}
-
 // A drive 40 km east, platforms scattered within 20 km of it, bearings with 2 degrees of noise.
 std::vector<Utils::RxTableModel::Row> drive()
 {

@@ -32,11 +32,6 @@ using OrviaGonioManager::Utils::RxTableModel;
 
 namespace {
 
-double msSince(const QElapsedTimer& t)
-{
-    return double(t.nsecsElapsed()) / 1e6;
-}
-
 // Decode alone, then decode to a sorted, shown table, as slotReadFlashMemory does it.
 void flashRead(int records)
 {
