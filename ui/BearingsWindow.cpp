@@ -198,8 +198,6 @@ QWidget* BearingsWindow::buildAntennaPanel()
     suggestion_->setObjectName(QStringLiteral("labelBearingsSuggestedOffset"));
     apply_ = new QPushButton(QStringLiteral("Apply to setup"), panel);
     apply_->setObjectName(QStringLiteral("pushButtonBearingsApply"));
-    apply_->setToolTip(QStringLiteral("Puts the value in the software setup's \"Angle offset\", "
-                                      "which writes it to the receiver as any change of the setup does"));
     connect(apply_, &QPushButton::clicked, this, &BearingsWindow::applySuggestedOffset);
     layout->addWidget(antennaText_);
     layout->addWidget(suggestion_);
@@ -406,12 +404,27 @@ void BearingsWindow::fillAntenna()
             QStringLiteral("No suggestion: it needs at least %1 samples with a spread under %2°.")
                 .arg(Geo::AntennaCheck::kMinSamples)
                 .arg(Geo::AntennaCheck::kMaxSpread));
-    apply_->setEnabled(antenna_.suggestedOffset.has_value());
+    updateApply();
+}
+
+void BearingsWindow::setSetupBlocked(const QString& why)
+{
+    setupBlocked_ = why;
+    updateApply();
+}
+
+void BearingsWindow::updateApply()
+{
+    apply_->setEnabled(setupBlocked_.isEmpty() && antenna_.suggestedOffset.has_value());
+    apply_->setToolTip(setupBlocked_.isEmpty()
+                           ? QStringLiteral("Puts the value in the software setup's \"Angle offset\", "
+                                            "which writes it to the receiver as any change of the setup does")
+                           : setupBlocked_);
 }
 
 void BearingsWindow::applySuggestedOffset()
 {
-    if (antenna_.suggestedOffset)
+    if (antenna_.suggestedOffset && setupBlocked_.isEmpty())
         angleOffset_->setValue(*antenna_.suggestedOffset);
 }
 

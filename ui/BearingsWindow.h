@@ -25,7 +25,8 @@ class CompassWidget;
 // Where the transmitters are: a compass, an offline map, fixes from bearings and an antenna
 // check, fed by the messages the RX table shows. A window of its own: nothing here talks to the
 // device; "Apply to setup" fills the software setup's angle offset, whose change the main window
-// writes as it writes any change of the setup.
+// writes as it writes any change of the setup, and so acts only when a receiver in application
+// mode is connected.
 class BearingsWindow : public QWidget
 {
     Q_OBJECT
@@ -43,6 +44,8 @@ public:
     BearingMapWidget* map() const { return map_; }
     // The suggested "Angle offset", when the antenna check has one.
     std::optional<int> suggestedOffset() const { return antenna_.suggestedOffset; }
+    // Why the setup cannot take the offset now (no receiver, bootloader mode); empty when it can.
+    void setSetupBlocked(const QString& why);
 
 signals:
     void sigFixesReady();
@@ -70,6 +73,7 @@ private:
     void fillFixes();
     void fillBearingList();
     void fillAntenna();
+    void updateApply();
     void updateCompass();
     // The map's scene, in metres, for every platform: made again only when the data changes.
     void updateMap();
@@ -101,6 +105,7 @@ private:
     QLabel* antennaText_ = nullptr;
     QLabel* suggestion_ = nullptr;
     QPushButton* apply_ = nullptr;
+    QString setupBlocked_;
 };
 
 } // namespace OrviaGonioManager::Ui

@@ -62,6 +62,7 @@ void JobPanel::onStarted(const QString& title, qint64 total, const QString& unit
 {
     label_->setText(QStringLiteral("%1: 0 of %2 %3").arg(title).arg(total).arg(unit));
     bar_->setValue(0);
+    cancel_->setVisible(job_->isCancellable());
     setVisible(true);
 }
 

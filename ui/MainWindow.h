@@ -120,6 +120,8 @@ private:
     // ends the whole sequence that called them.
     void gnxConnected(const QString& portName);
     void gnxDisconnected(const QString& portName, const QString& reason, bool linkFailure);
+    // The connection to this port went while it was being made.
+    bool connectionLost(const QString& portName) const;
     void linkCompromised(const QString& portName, const QString& message);
     void refreshGuiInfos();
     void refreshStatus();
@@ -134,6 +136,7 @@ private:
     void setUpReconnect();
     // The Bearings window's action (MainWindowBearings.cpp).
     void setUpBearings(QToolBar* toolBar);
+    void updateBearingsApply();
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);
@@ -158,6 +161,7 @@ private:
 
     // Favorite platforms tab (MainWindowPlatforms.cpp, MainWindowGpsFormats.cpp).
     void loadPlatformsTable();
+    void reloadGpsFormatsFile();
     void clearPlatformsTable();
     void clearGpsFormatsList();
 
@@ -178,6 +182,7 @@ private:
     Com::GnxLink::GnxDeviceInfo deviceInfo_;
     SessionLog sessionLog_;
     bool guiRefreshing_ = false;
+    bool connecting_ = false; // the connection sequence runs
     Utils::RxTableModel* rxModel_ = nullptr;
     bool favouritesChanged_ = true; // the RX table's lookup follows the platforms table
     std::vector<Utils::RxTableModel::Row>* flashBatch_ = nullptr; // flash messages enter together

@@ -8,6 +8,8 @@
 
 namespace OrviaGonioManager::Ui {
 
+using Com::GnxLink;
+
 void MainWindow::setUpBearings(QToolBar* toolBar)
 {
     bearingsAction_ = toolBar->addAction(QStringLiteral("Bearings"));
@@ -24,9 +26,27 @@ void MainWindow::setUpBearings(QToolBar* toolBar)
 
 BearingsWindow* MainWindow::bearingsWindow()
 {
-    if (!bearingsWindow_)
+    if (!bearingsWindow_) {
         bearingsWindow_ = new BearingsWindow(rxModel_, ui_->spinBoxSetupSoftwareDirectionOffset, this);
+        updateBearingsApply();
+    }
     return bearingsWindow_;
+}
+
+// The angle offset reaches a receiver only through its software setup: one that is connected and
+// in application mode.
+void MainWindow::updateBearingsApply()
+{
+    if (!bearingsWindow_)
+        return;
+    if (connectedPort_.isEmpty())
+        bearingsWindow_->setSetupBlocked(
+            QStringLiteral("Connect a receiver to apply the offset to its setup"));
+    else if (deviceInfo_.mode == GnxLink::GNX_BL)
+        bearingsWindow_->setSetupBlocked(QStringLiteral(
+            "The receiver is in firmware update mode: switch back to standard mode to apply the offset"));
+    else
+        bearingsWindow_->setSetupBlocked({});
 }
 
 } // namespace OrviaGonioManager::Ui

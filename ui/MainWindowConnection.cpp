@@ -2,6 +2,7 @@
 #include "ui/MainWindow.h"
 
 #include "com/ComManager.h"
+#include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
 
@@ -10,6 +11,7 @@
 #include <QDebug>
 #include <QFileInfo>
 #include <QMetaEnum>
+#include <QScopedValueRollback>
 #include <QSysInfo>
 #include <QTimer>
 #include <QToolBar>
@@ -101,14 +103,25 @@ void MainWindow::gnxConnected(const QString& portName)
     connectedPort_ = portName;
     connectedIdentity_ = portIdentity(portName);
 
-    ui_->tabWidget->setEnabled(true);
-    setTerminalEnabled(true);
-    connectWidgets();
-    ui_->lineEditVersionsStatus->setText(
-        QStringLiteral("Connected at %1")
-            .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss"))));
+    try {
+        const QScopedValueRollback<bool> connecting(connecting_, true);
+        ui_->tabWidget->setEnabled(true);
+        setTerminalEnabled(true);
+        connectWidgets();
+        ui_->lineEditVersionsStatus->setText(
+            QStringLiteral("Connected at %1")
+                .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss"))));
 
-    refreshGuiInfos();
+        refreshGuiInfos();
+    } catch (const MRL::Utils::Exception& e) {
+        // A connection is made whole or not at all. A failed link has said why already, or will
+        // at the next port scan; any other failure ends the connection as a failed link does.
+        if (!connectionLost(portName))
+            gnxDisconnected(portName, e.message(), true);
+        return;
+    }
+    if (connectionLost(portName))
+        return;
 
     sessionLog_.open(SessionLog::defaultDirectory(), logIdentity());
     const QDateTime now = QDateTime::currentDateTime();
@@ -118,6 +131,13 @@ void MainWindow::gnxConnected(const QString& portName)
                  connectedVersion_ == GnxLink::GNX_V1 ? QStringLiteral("GNX134") : QStringLiteral("GNX234")));
     showGenerationWidgets(connectedVersion_ == GnxLink::GNX_V1);
     qInfo().noquote() << "GNX configuration loaded!";
+}
+
+// A link failure ends the connection through the disconnection steps, run from the link's report
+// or the port scan; or it is about to, once the link was closed.
+bool MainWindow::connectionLost(const QString& portName) const
+{
+    return connectedPort_ != portName || !gnxLink_->isUsable();
 }
 
 QString MainWindow::logIdentity() const
@@ -188,6 +208,7 @@ void MainWindow::setUnconnectedState()
     setTerminalEnabled(false);
     for (QAction* action : std::as_const(portActions_))
         action->setChecked(false);
+    updateBearingsApply();
 }
 
 void MainWindow::setTerminalEnabled(bool enabled)
@@ -224,6 +245,7 @@ void MainWindow::showBootloaderMode(bool bootloader)
     for (QWidget* w : application)
         w->setEnabled(!bootloader);
     ui_->tabWidget->setTabEnabled(ui_->tabWidget->indexOf(ui_->tabPlatforms), !bootloader);
+    updateBearingsApply();
     if (!bootloader)
         return;
     clearSetups();
@@ -246,7 +268,7 @@ void MainWindow::refreshGuiInfos()
         refreshSetupSoftware();
         refreshSetupHardware();
         // Reads the formats file, then the platform slots.
-        slotReloadGpsFormatsFile();
+        reloadGpsFormatsFile();
     }
     ui_->pushButtonSwitchMode->setText(deviceInfo_.mode == GnxLink::GNX_BL
                                            ? QStringLiteral("Switch back to standard mode...")
@@ -280,6 +302,7 @@ void MainWindow::refreshStatus()
     ui_->lineEditStatusVoltage->setText(QString::number(d.voltage));
     ui_->lineEditStatusOrviaBand->setText(
         d.band == GnxLink::ORVIABAND_INVALID ? QStringLiteral("INVALID") : GnxLink::bandDescription(d.band));
+    updateBearingsApply();
 }
 
 } // namespace OrviaGonioManager::Ui

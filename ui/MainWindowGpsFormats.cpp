@@ -9,6 +9,7 @@
 #include "utils/GpsFormat.h"
 
 #include <QLineEdit>
+#include <QScopeGuard>
 #include <QSignalBlocker>
 
 #include <exception>
@@ -145,20 +146,26 @@ void MainWindow::clearGpsFormatsList()
 
 void MainWindow::slotReloadGpsFormatsFile()
 {
-    guard([&] {
-        clearGpsFormatsList();
-        // A missing or unreadable file still lets the platforms be listed; its error comes after.
-        std::exception_ptr fileError;
-        try {
-            GpsFormat::instance()->readGpsFormatsFile(kGpsFormatsFile);
-        } catch (const MRL::Utils::Exception&) {
-            fileError = std::current_exception();
-        }
-        if (gnxLink_->isConnected())
-            loadPlatformsTable();
+    guard([&] { reloadGpsFormatsFile(); });
+}
+
+// A missing or unreadable file still lets the platforms be listed; its error is shown after, and
+// stops nothing. The receiver's failures go to the caller.
+void MainWindow::reloadGpsFormatsFile()
+{
+    clearGpsFormatsList();
+    std::exception_ptr fileError;
+    try {
+        GpsFormat::instance()->readGpsFormatsFile(kGpsFormatsFile);
+    } catch (const MRL::Utils::Exception&) {
+        fileError = std::current_exception();
+    }
+    const auto showFileError = qScopeGuard([&] {
         if (fileError)
-            std::rethrow_exception(fileError);
+            guard([&] { std::rethrow_exception(fileError); });
     });
+    if (gnxLink_->isConnected())
+        loadPlatformsTable();
 }
 
 void MainWindow::slotSaveGpsFormatsFile()

@@ -102,11 +102,12 @@ void sortBySlot(QTableWidget* table)
 
 // Reads every slot before touching the table, so that a failed read leaves it as it was; a
 // cancelled one shows the slots it read.
-void loadPlatforms(GnxLink& link, QTableWidget* table, Utils::JobProgress& job)
+void loadPlatforms(GnxLink& link, QTableWidget* table, Utils::JobProgress& job, bool cancellable = true)
 {
     QList<GnxLink::PlatformInfo> used;
     const int slotCount = link.maxPlatformsNumber();
-    const Utils::JobScope scope(job, QStringLiteral("Platform load"), slotCount, QStringLiteral("slots"));
+    const Utils::JobScope scope(job, QStringLiteral("Platform load"), slotCount, QStringLiteral("slots"),
+                                cancellable);
     for (int i = 0; i < slotCount; ++i) {
         GnxLink::PlatformInfo p = link.getPlatformInfo(i);
         if (!p.id.isEmpty())
@@ -185,7 +186,8 @@ void MainWindow::slotGetPlatformsInfo()
 
 void MainWindow::loadPlatformsTable()
 {
-    loadPlatforms(*gnxLink_, ui_->tableWidgetPlatforms, *job_);
+    // The connection's own load is not the user's to cut short: the RX tab looks messages up in it.
+    loadPlatforms(*gnxLink_, ui_->tableWidgetPlatforms, *job_, !connecting_);
 }
 
 void MainWindow::clearPlatformsTable()

@@ -27,6 +27,8 @@ QSettings userSettings()
 
 void MainWindow::setUpReconnect()
 {
+    // A row of its own: the receivers' row needs the window's whole width for long port labels.
+    addToolBarBreak(Qt::TopToolBarArea);
     auto* toolBar = addToolBar(QStringLiteral("Session"));
     toolBar->setObjectName(QStringLiteral("sessionToolBar"));
     reconnectAction_ = toolBar->addAction(QStringLiteral("Reconnect automatically"));

@@ -6,11 +6,12 @@ namespace OrviaGonioManager::Utils {
 
 JobProgress::JobProgress(QObject* parent) : QObject(parent) {}
 
-void JobProgress::begin(const QString& title, qint64 total, const QString& unit)
+void JobProgress::begin(const QString& title, qint64 total, const QString& unit, bool cancellable)
 {
     if (depth_++ > 0)
         return;
     cancelled_ = false;
+    cancellable_ = cancellable;
     title_ = title;
     unit_ = unit;
     total_ = qMax<qint64>(total, 0);
@@ -36,7 +37,7 @@ bool JobProgress::advance(qint64 done)
                                      .arg(unit_);
         }
     }
-    if (checkpoint_ && !cancelled_)
+    if (checkpoint_ && cancellable_ && !cancelled_)
         checkpoint_();
     return !cancelled_;
 }
@@ -53,7 +54,7 @@ void JobProgress::end()
 
 void JobProgress::cancel()
 {
-    if (depth_ > 0)
+    if (depth_ > 0 && cancellable_)
         cancelled_ = true;
 }
 

@@ -19,8 +19,9 @@ class JobProgress : public QObject
 public:
     explicit JobProgress(QObject* parent = nullptr);
 
-    // title names the job in texts ("Flash read"), unit what is counted ("bytes").
-    void begin(const QString& title, qint64 total, const QString& unit);
+    // title names the job in texts ("Flash read"), unit what is counted ("bytes"). A job that is
+    // not cancellable runs to its end or fails: cancel() leaves it alone.
+    void begin(const QString& title, qint64 total, const QString& unit, bool cancellable = true);
     // Records what is done, then gives the front end its chance to take a cancel request. False
     // once the job is to stop.
     bool advance(qint64 done);
@@ -30,6 +31,7 @@ public:
     void cancel();
     bool isCancelled() const { return cancelled_; }
     bool isRunning() const { return depth_ > 0; }
+    bool isCancellable() const { return cancellable_; }
     QString title() const { return title_; }
     QString unit() const { return unit_; }
     // -1 until something is done.
@@ -46,6 +48,7 @@ signals:
 private:
     int depth_ = 0;
     bool cancelled_ = false;
+    bool cancellable_ = true;
     QString title_;
     QString unit_;
     qint64 total_ = 0;
@@ -59,9 +62,11 @@ private:
 class JobScope
 {
 public:
-    JobScope(JobProgress& job, const QString& title, qint64 total, const QString& unit) : job_(job)
+    JobScope(JobProgress& job, const QString& title, qint64 total, const QString& unit,
+             bool cancellable = true)
+        : job_(job)
     {
-        job_.begin(title, total, unit);
+        job_.begin(title, total, unit, cancellable);
     }
     ~JobScope() { job_.end(); }
     JobScope(const JobScope&) = delete;

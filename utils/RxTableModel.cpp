@@ -53,10 +53,16 @@ QString levelText(int levelCode, qint32 level)
     }
 }
 
-// The receiver's own position with five decimals, payload positions with six significant digits.
-QString coordinate(double degrees, bool payload, GnxLink::CoordType_t type)
+// The receiver's own position as its coordinate type says, with five decimals.
+QString gnxCoordinate(double degrees, GnxLink::CoordType_t type)
 {
-    return CoordinateText::format(degrees, type, payload ? 'g' : 'f', payload ? 6 : 5);
+    return CoordinateText::format(degrees, type, 'f', 5);
+}
+
+// A payload position is always plain degrees, six significant digits, whatever the coordinate type.
+QString payloadCoordinate(double degrees)
+{
+    return QString::number(degrees, 'g', 6);
 }
 
 } // namespace
@@ -136,15 +142,15 @@ QString RxTableModel::cellText(const Row& r, int column, GnxLink::CoordType_t co
     case COL_PERIOD:
         return QStringLiteral("%1").arg(m.period);
     case COL_GNX_LATITUDE:
-        return gnxPositionValid ? coordinate(m.gnxLatitude, false, coordType) : QStringLiteral("Invalid");
+        return gnxPositionValid ? gnxCoordinate(m.gnxLatitude, coordType) : QStringLiteral("Invalid");
     case COL_GNX_LONGITUDE:
-        return gnxPositionValid ? coordinate(m.gnxLongitude, false, coordType) : QStringLiteral("Invalid");
+        return gnxPositionValid ? gnxCoordinate(m.gnxLongitude, coordType) : QStringLiteral("Invalid");
     case COL_GNX_DIRECTION:
         return QStringLiteral("%1").arg(m.gnxDirection);
     case COL_PAYLOAD_LATITUDE:
-        return r.payloadPosition ? coordinate(r.payloadLatitude, true, coordType) : QString();
+        return r.payloadPosition ? payloadCoordinate(r.payloadLatitude) : QString();
     case COL_PAYLOAD_LONGITUDE:
-        return r.payloadPosition ? coordinate(r.payloadLongitude, true, coordType) : QString();
+        return r.payloadPosition ? payloadCoordinate(r.payloadLongitude) : QString();
     case COL_PAYLOAD:
         return QString::fromLatin1(m.payload.toHex().toUpper());
     default:
@@ -190,14 +196,29 @@ void RxTableModel::clear()
     endResetModel();
 }
 
+// A layout change, not a reset: the selection of the rows that stay shown is kept.
 void RxTableModel::setIdFilter(const QString& filter)
 {
     if (filter == filter_)
         return;
-    beginResetModel();
+    emit layoutAboutToBeChanged();
+    const QModelIndexList before = persistentIndexList();
+    std::vector<int> storage;
+    storage.reserve(size_t(before.size()));
+    for (const QModelIndex& i : before)
+        storage.push_back(visible_[visible_.size() - 1 - size_t(i.row())]);
     filter_ = filter;
     rebuildVisible();
-    endResetModel();
+    QModelIndexList after;
+    after.reserve(before.size());
+    for (int i = 0; i < before.size(); ++i) {
+        const auto it = std::lower_bound(visible_.begin(), visible_.end(), storage[size_t(i)]);
+        after << (it != visible_.end() && *it == storage[size_t(i)]
+                      ? index(int(visible_.end() - it) - 1, before[i].column())
+                      : QModelIndex());
+    }
+    changePersistentIndexList(before, after);
+    emit layoutChanged();
 }
 
 void RxTableModel::setCoordType(GnxLink::CoordType_t type)
@@ -206,7 +227,7 @@ void RxTableModel::setCoordType(GnxLink::CoordType_t type)
         return;
     coordType_ = type;
     if (!visible_.empty())
-        emit dataChanged(index(0, COL_GNX_LATITUDE), index(rowCount() - 1, COL_PAYLOAD_LONGITUDE));
+        emit dataChanged(index(0, COL_GNX_LATITUDE), index(rowCount() - 1, COL_GNX_LONGITUDE));
 }
 
 bool RxTableModel::passes(const Row& row) const
@@ -275,8 +296,11 @@ QVariant RxTableModel::headerData(int section, Qt::Orientation orientation, int 
 {
     if (role != Qt::DisplayRole)
         return {};
+    // Rows are numbered in the whole table, as a table that hides rows numbers them.
     if (orientation == Qt::Vertical)
-        return section + 1;
+        return section >= 0 && section < rowCount()
+                   ? int(rows_.size()) - visible_[visible_.size() - 1 - size_t(section)]
+                   : section + 1;
     return headerTexts().value(section);
 }
 

@@ -103,6 +103,9 @@ private:
             const qsizetype sent = sim_->receivedLines().count("TEST");
             if (completed || fault == "noise" ? sent != 10 : sent < doneAtFault || sent > doneAtFault + 1)
                 return QString("%1 lines sent, %2 done at the fault").arg(sent).arg(doneAtFault);
+        } else if (moment == "connection") { // whole, or ended: nothing of it runs after a failure
+            if (completed ? ui()->tableWidgetPlatforms->rowCount() != 6 : !window_->connectedPort().isEmpty())
+                return "the connection neither completed nor ended";
         } else if (moment == "upload") {
             if (!completed && sim_->mode() != gnxsim::Mode::Bl)
                 return "the receiver left the bootloader";
@@ -158,8 +161,9 @@ private slots:
                     if (model == "gnx134" && moment == "upload")
                         continue;
                     QString expected = outcome;
-                    // An upload cannot be cancelled: the receiver's failure is what the user sees.
-                    if (fault == "cancel" && moment == "upload")
+                    // An upload or a connection's load cannot be cancelled: the receiver's failure
+                    // is what the user sees.
+                    if (fault == "cancel" && (moment == "upload" || moment == "connection"))
                         expected = "Uart link timeout";
                     // The GNX234's flash comes as a binary stream: no text line left to spoil.
                     if (model == "gnx234" && moment == "flash read" &&
@@ -274,6 +278,8 @@ private slots:
         if ((fault == "drop" || fault == "stall") && !kSanitized)
             QVERIFY2(failedAtMs >= kTimeoutMs && cpuUntilFailureMs * 20 < failedAtMs,
                      qPrintable(QString("%1 ms of CPU in %2 ms").arg(cpuUntilFailureMs).arg(failedAtMs)));
+        if (moment == "connection")
+            QCOMPARE(logs.count(QtInfoMsg, "GNX configuration loaded!"), completed ? 1 : 0);
         const QString kept = checkKept(moment, fault, completed, doneAtFault, doneAtEnd);
         QVERIFY2(kept.isEmpty(), qPrintable(kept));
         QVERIFY(reconnectToHealthyReceiver());

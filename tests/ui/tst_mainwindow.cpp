@@ -3,11 +3,14 @@
 #include "com/GnxFrame.h"
 #include "common/WindowFixture.h"
 #include "sim/Firmware.h"
+#include "ui/JobPanel.h"
 #include "ui/SessionLog.h"
+#include "utils/JobProgress.h"
 
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDateTimeEdit>
+#include <QKeyEvent>
 #include <QLineEdit>
 #include <QSettings>
 #include <QSignalSpy>
@@ -16,6 +19,7 @@
 #include <QToolButton>
 
 using OrviaGonioManager::Ui::SessionLog;
+using OrviaGonioManager::Utils::JobProgress;
 namespace GnxFrame = OrviaGonioManager::Com::GnxFrame;
 
 namespace {
@@ -130,8 +134,16 @@ private slots:
         QCOMPARE(qobject_cast<const QToolButton*>(button)->toolButtonStyle(), Qt::ToolButtonTextBesideIcon);
         QVERIFY(!ui()->tabWidget->isEnabled());
 
+        // The connection's own platform load runs to its end: Escape and "Cancel" do not cut it.
         LogCapture logs;
+        QObject ctx;
+        connect(window_->jobProgress(), &JobProgress::sigProgress, &ctx, [&] {
+            QCoreApplication::postEvent(window_.get(), new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
+            window_->jobPanel()->cancelButton()->click();
+            QVERIFY(window_->jobPanel()->cancelButton()->isHidden());
+        });
         QVERIFY(connectTo(port));
+        QCOMPARE(ui()->tableWidgetPlatforms->rowCount(), 2);
         QVERIFY(ui()->tabWidget->isEnabled());
         QCOMPARE(ui()->lineEditVersionsSerialNumber->text(), "SN/" + logIdentity(*sim_));
         QCOMPARE(ui()->lineEditVersionsGonio->text(), gnx134 ? QString("GONIO V1") : QString("GONIO V2"));
@@ -304,41 +316,78 @@ private slots:
 
     void linkFailures_data()
     {
+        QTest::addColumn<QString>("model");
         QTest::addColumn<bool>("unplug");
-        QTest::newRow("receiver pulled out") << true;
-        QTest::newRow("link fails, port present") << false;
+        QTest::addColumn<bool>("connecting"); // during the connection's platform load
+        for (const QString model : {"gnx134", "gnx234"})
+            for (const bool connecting : {false, true}) {
+                const char* when = connecting ? "while connecting" : "connected";
+                QTest::addRow("%s, %s, receiver pulled out", qPrintable(model), when)
+                    << model << true << connecting;
+                QTest::addRow("%s, %s, link fails, port present", qPrintable(model), when)
+                    << model << false << connecting;
+            }
     }
 
     // A port that goes away ends as its removal does; a link failing on a port still present is
-    // an error the user is told of.
+    // an error the user is told of. While connecting, the connection then ends there: nothing of
+    // it runs after, and no session log is left behind.
     void linkFailures()
     {
+        QFETCH(QString, model);
         QFETCH(bool, unplug);
+        QFETCH(bool, connecting);
         // Through a link of its own: a pseudo-terminal's number may be taken again at once by a
         // test running beside this one, while the link goes away with the unplug.
-        gnxsim::Options options = simOptions("gnx234", 2);
+        gnxsim::Options options = simOptions(model, 2);
         options.linkPath = workDir_.filePath("gnx-unplug");
         const QString port = options.linkPath;
         QVERIFY(startSim(sim_, options));
+        const QString logPath = SessionLog::defaultDirectory() + "/Log " + logIdentity(*sim_) + ".txt";
+        QFile::remove(logPath);
         QVERIFY(showWindow({port}));
-        QVERIFY(connectTo(port));
+        if (!connecting)
+            QVERIFY(connectTo(port));
 
         LogCapture logs;
-        if (unplug)
-            sim_->unplug();
+        const auto fail = [&] {
+            if (unplug)
+                sim_->unplug();
+            else
+                sim_->sendRawBytes("$GSN,1*00\r\n");
+        };
+        QObject ctx;
+        connect(window_->jobProgress(), &JobProgress::sigProgress, &ctx, [&](qint64 done) {
+            if (done == 5)
+                fail();
+        });
+        if (connecting)
+            window_->portAction(port)->trigger();
         else
-            sim_->sendRawBytes("$GSN,1*00\r\n");
+            fail();
         QTRY_VERIFY_WITH_TIMEOUT(window_->connectedPort().isEmpty(), 10000);
-        QStringList said; // info and critical
+        QStringList said; // info and critical, but the load's progress
         for (const auto& m : logs.messages)
-            if (m.first == QtInfoMsg || m.first == QtCriticalMsg)
+            if ((m.first == QtInfoMsg || m.first == QtCriticalMsg) && !m.second.startsWith("Platform load: "))
                 said << m.second;
         const QString badChecksum = "Bad checksum in GNX reply \"$GSN,1*00\": 00 vs " +
                                     GnxFrame::checksumText(GnxFrame::checksum(u"GSN,1*")) + '.';
-        QCOMPARE(said, QStringList(unplug ? "Disconnection of " + port + " (GNX disconnected)."
-                                          : "Error on " + port + " (" + badChecksum +
-                                                "). Please restart connection."));
+        QStringList expected(unplug
+                                 ? "Disconnection of " + port + " (GNX disconnected)."
+                                 : "Error on " + port + " (" + badChecksum + "). Please restart connection.");
+        if (connecting)
+            expected =
+                QStringList{"Connection of a GNX on " + port + ".", "Loading configuration..."} + expected;
+        QCOMPARE(said, expected);
         QCOMPARE(window_->portAction(port) != nullptr, !unplug);
+        QVERIFY2(dialogs_->criticals.isEmpty(), qPrintable(dialogs_->criticals.join('|')));
+        QCOMPARE(ui()->lineEditVersionsStatus->text(), QString("Not connected"));
+        QCOMPARE(QFile::exists(logPath), !connecting);
+        // The session log is closed: the process holds no log file open.
+        const QDir fds("/proc/self/fd");
+        for (const QString& fd : fds.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot))
+            QVERIFY2(!QFile::symLinkTarget(fds.filePath(fd)).contains("/Log "),
+                     qPrintable(QFile::symLinkTarget(fds.filePath(fd))));
     }
 
     // With "Reconnect automatically" on, the receiver pulled out and plugged back is connected again.

@@ -106,7 +106,7 @@ private slots:
     {
         QTest::addColumn<QString>("line");
         QTest::addColumn<QString>("expected");
-        QTest::addColumn<QString>("minutes"); // coordinates once "xx°xx.xx'" is chosen
+        QTest::addColumn<QString>("minutes"); // the receiver's position once "xx°xx.xx'" is chosen
         // The position sits 8 bits in: behind a junk byte for a 20-bit identifier, behind the
         // identifier's last byte (dropped on reception) for a 28-bit one. Flag bit 0 clear: the
         // receiver's own position is not valid.
@@ -114,12 +114,12 @@ private slots:
             << "NPR,26,11,22,3,4,5,ABCDE,401650000,6,10,-120,60000,120000,7,2,2,56,115265C0E4E1C0"
             << "Live|5|Raw A|2026-11-22T03:04:05|ABCDE|401650000|10|B3||-120|0|Invalid|Invalid|7|"
                "90|-110|115265C0E4E1C0"
-            << QString::fromUtf8("Invalid|Invalid|90°00.00'|-110°00.00'");
+            << QString::fromUtf8("Invalid|Invalid");
         QTest::newRow("28-bit")
-            << "NPR,26,11,22,3,4,6,ABCDEF0,401650000,7,10,-120,60000,120000,7,2,0,56,F05265C0E4E1C0"
+            << "NPR,26,11,22,3,4,6,ABCDEF0,401650000,7,10,-120,60000,120000,7,2,0,56,F027E8B1E4E1C0"
             << "Live|6|Raw B|2026-11-22T03:04:06|ABCDEF0|401650000|10|B3||-120|0|1.00000|2.00000|7|"
-               "90|-110|5265C0E4E1C0"
-            << QString::fromUtf8("1°00.00'|2°00.00'|90°00.00'|-110°00.00'");
+               "43.5912|-110|27E8B1E4E1C0"
+            << QString::fromUtf8("1°00.00'|2°00.00'");
     }
 
     void rawReports()
@@ -141,11 +141,16 @@ private slots:
             cells << cell(0, c);
         QCOMPARE(cells.join('|'), expected);
 
-        // Rows already shown follow the coordinate type the device accepted.
+        // The receiver's position follows the coordinate type the device accepted; the payload's
+        // stays in degrees with six significant digits, on screen and in the export.
         QFETCH(QString, minutes);
-        ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(1);
-        QCOMPARE(sim_->softwareSetup().value(4), QString("1"));
-        QCOMPARE(QStringList({cell(0, 11), cell(0, 12), cell(0, 14), cell(0, 15)}).join('|'), minutes);
+        for (int type : {1, 2}) {
+            ui()->comboBoxSetupSoftwareCoordType->setCurrentIndex(type);
+            QCOMPARE(sim_->softwareSetup().value(4), QString::number(type));
+            if (type == 1)
+                QCOMPARE(cell(0, 11) + '|' + cell(0, 12), minutes);
+            QCOMPARE(exportTo("raw.csv").value(1).split(',').mid(14, 2), expected.split('|').mid(14, 2));
+        }
     }
 
     // Export of the visible rows, or of the selected ones; commas inside cells are not escaped.
@@ -179,14 +184,21 @@ private slots:
             cells << cell(1, c);
         QCOMPARE(selected[1], cells.join(','));
 
-        // The filter hides what does not match, also a row that arrives while it is set.
-        ui()->pushButtonRxClearSelection->click();
+        // The filter hides what does not match, also a row that arrives while it is set; the
+        // selected row stays selected, live rows entering or not, and keeps its number.
         const QString id = cell(1, 4);
         ui()->lineEditRxIdFilter->setText(id);
         QVERIFY(rx()->isHidden(0) && !rx()->isHidden(1));
+        QCOMPARE(rx()->headerData(0, Qt::Vertical), QVariant(2));
         emitFrom(usedSlots_[0], true);
         QVERIFY(rx()->isHidden(0));
-        QCOMPARE(exportTo("filtered.csv"), (QStringList{all[0], all[2]}));
+        emitFrom(usedSlots_[1], true);
+        QVERIFY(!rx()->isHidden(0));
+        QCOMPARE(exportTo("selected-filtered.csv"), selected);
+        ui()->pushButtonRxClearSelection->click();
+        const QStringList filtered = exportTo("filtered.csv");
+        QCOMPARE(filtered.size(), 3);
+        QCOMPARE(filtered[2], all[2]);
         ui()->lineEditRxIdFilter->clear();
         for (int row = 0; row < rx()->allRowCount(); ++row)
             QVERIFY(!rx()->isHidden(row));
