@@ -1,4 +1,3 @@
-#include "BuildInfo.h"
 #include "app/Startup.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/Exception.h"
@@ -10,6 +9,29 @@
 #include <QStyleFactory>
 #include <QSysInfo>
 
+#include <vector>
+
+namespace {
+
+// Help and version need no display, but the application object aborts without one: answer
+// them from a core application that is gone before the real one is made. Anything else, a
+// "-platform" argument among it, is left to the usual processing.
+void answerHelpOrVersion(int argc, char* argv[])
+{
+    std::vector<char*> args(argv, argv + argc + 1); // the core application may reorder them
+    QCoreApplication core(argc, args.data());
+    QCommandLineParser parser;
+    OrviaGonioManager::configureCommandLine(parser);
+    if (!parser.parse(QCoreApplication::arguments()))
+        return;
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp();
+}
+
+} // namespace
+
 int main(int argc, char* argv[])
 {
     try {
@@ -18,15 +40,13 @@ int main(int argc, char* argv[])
         if (QSysInfo::productType() == QLatin1String("windows"))
             QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
 
+        if (!OrviaGonioManager::displayConfigured())
+            answerHelpOrVersion(argc, argv);
+
         MRL::Utils::ToplevelApplication app(argc, argv);
 
         QCommandLineParser parser;
-        parser.setApplicationDescription(QStringLiteral("%1, a Marlen application.").arg(OGM_APP_NAME));
-        parser.addHelpOption();
-        QCoreApplication::setApplicationName(QStringLiteral(OGM_APP_NAME));
-        QCoreApplication::setOrganizationName(QStringLiteral(OGM_ORG_NAME));
-        QCoreApplication::setApplicationVersion(QStringLiteral(OGM_VERSION));
-        parser.addVersionOption();
+        OrviaGonioManager::configureCommandLine(parser);
         parser.process(app);
 
         OrviaGonioManager::Ui::MainWindow window;

@@ -4,10 +4,24 @@
 #include <QFileInfo>
 #include <QSerialPortInfo>
 
+#include <algorithm>
+#include <chrono>
+
 namespace OrviaGonioManager::Com {
 
+namespace {
+
+qint64 steadyMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+} // namespace
+
 ComManager::ComManager(QObject* parent)
-    : QObject(parent), scanTimer_(this), portLister_(&ComManager::systemPorts)
+    : QObject(parent), scanTimer_(this), portLister_(&ComManager::systemPorts), clock_(&steadyMs)
 {
     scanTimer_.setSingleShot(true);
     connect(&scanTimer_, &QTimer::timeout, this, &ComManager::slotScanComPorts);
@@ -28,6 +42,11 @@ void ComManager::setPortLister(PortLister lister)
     setDeviceDirectory({});
 }
 
+void ComManager::setClock(Clock clock)
+{
+    clock_ = clock ? std::move(clock) : Clock(&steadyMs);
+}
+
 void ComManager::setDeviceDirectory(const QString& directory)
 {
     if (!deviceWatcher_.directories().isEmpty())
@@ -37,12 +56,16 @@ void ComManager::setDeviceDirectory(const QString& directory)
     relistScans_ = 1;
 }
 
-QList<ComManager::PortEntry> ComManager::listPorts()
+QList<ComManager::PortEntry> ComManager::listPorts(qint64 now)
 {
     // Without a watch (none asked for, or inotify refused it) every scan lists.
-    if (relistScans_ > 0 || deviceWatcher_.directories().isEmpty()) {
+    if (relistScans_ > 0 || freshRejected_ || deviceWatcher_.directories().isEmpty()) {
         relistScans_ = qMax(0, relistScans_ - 1);
         lastPorts_ = portLister_();
+        QHash<QString, qint64> seen;
+        for (const PortEntry& port : std::as_const(lastPorts_))
+            seen.insert(port.portName, firstSeen_.value(port.portName, now));
+        firstSeen_.swap(seen);
     }
     return lastPorts_;
 }
@@ -72,7 +95,8 @@ QStringList ComManager::extraPortPaths()
 
 void ComManager::slotScanComPorts()
 {
-    const QList<PortEntry> ports = listPorts();
+    const qint64 now = clock_();
+    const QList<PortEntry> ports = listPorts(now);
     const QStringList extraPaths = extraPortPaths();
     QSet<QString> present;
 
@@ -105,6 +129,11 @@ void ComManager::slotScanComPorts()
         emit sigGnxRemoved(portName);
     }
     rejectedPorts_.intersect(present);
+    // The scan after the last moment a rejected port was fresh still lists, so identifiers
+    // published just before kFreshPortMs are seen.
+    freshRejected_ = std::any_of(rejectedPorts_.cbegin(), rejectedPorts_.cend(), [&](const QString& name) {
+        return now - firstSeen_.value(name, now) < kFreshPortMs;
+    });
 
     scanTimer_.start(kScanPeriodMs);
 }

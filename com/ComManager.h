@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QFileSystemWatcher>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QSet>
@@ -36,6 +37,8 @@ public:
         QString serialNumber;
     };
     using PortLister = std::function<QList<PortEntry>()>;
+    // Monotonic milliseconds; tests move time without sleeping.
+    using Clock = std::function<qint64()>;
 
     explicit ComManager(QObject* parent = nullptr);
     ~ComManager() override;
@@ -43,10 +46,13 @@ public:
     // The one place ports come from; tests replace it. A lister set here is asked at every scan.
     void setPortLister(PortLister lister);
     // Listing the system's ports costs a few tens of milliseconds: list again only for a few
-    // scans after this directory changed (its nodes come and go with the devices; the USB
-    // identifiers follow a moment later), and reuse the last list otherwise.
+    // scans after this directory changed (its nodes come and go with the devices) and while a
+    // rejected port is younger than kFreshPortMs (udev publishes the USB identifiers a moment
+    // after the node), and reuse the last list otherwise.
     void setDeviceDirectory(const QString& directory);
     static constexpr int kRelistScans = 3;
+    static constexpr qint64 kFreshPortMs = 10000;
+    void setClock(Clock clock);
     static QList<PortEntry> systemPorts();
     // The paths of GNX_EXTRA_PORTS that exist now.
     static QStringList extraPortPaths();
@@ -61,7 +67,7 @@ public slots:
     void slotScanComPorts();
 
 private:
-    QList<PortEntry> listPorts();
+    QList<PortEntry> listPorts(qint64 now);
     void detect(const QString& portName);
     void reject(const PortEntry& port);
 
@@ -70,9 +76,13 @@ private:
     // Rejected ports are warned about once while they stay plugged in.
     QSet<QString> rejectedPorts_;
     PortLister portLister_;
+    Clock clock_;
     QFileSystemWatcher deviceWatcher_;
     int relistScans_ = 1;
     QList<PortEntry> lastPorts_;
+    // When each listed port was first listed, by name.
+    QHash<QString, qint64> firstSeen_;
+    bool freshRejected_ = false;
 };
 
 } // namespace OrviaGonioManager::Com

@@ -3,6 +3,7 @@
 #include "com/GnxFrame.h"
 #include "common/WindowFixture.h"
 #include "sim/Firmware.h"
+#include "ui/BearingsWindow.h"
 #include "ui/JobPanel.h"
 #include "ui/SessionLog.h"
 #include "utils/JobProgress.h"
@@ -312,6 +313,17 @@ private slots:
         QVERIFY(!window_->portAction(first)->isChecked());
         QVERIFY(window_->portAction(second)->isChecked());
         QCOMPARE(ui()->lineEditVersionsGonio->text(), QString("GONIO V1"));
+
+        // Two receivers whose labels carry the permission warning both show at 1280 pixels.
+        window_->resize(1280, 800);
+        for (const QString& port : {first, second})
+            window_->portAction(port)->setText(
+                "/dev/ttyUSB10 (Warning: only root and users of dialout group can use this port)");
+        // Shown whole, once the tool bar has laid the new texts out.
+        for (const QString& port : {first, second}) {
+            const QWidget* button = ui()->mainToolBar_->widgetForAction(window_->portAction(port));
+            QTRY_VERIFY(button->isVisible() && button->width() >= button->sizeHint().width());
+        }
     }
 
     void linkFailures_data()
@@ -444,6 +456,8 @@ private slots:
         QVERIFY(!ui()->tabWidget->isTabEnabled(ui()->tabWidget->indexOf(ui()->tabPlatforms)));
         QVERIFY(!ui()->pushButtonRxFlashRead->isEnabled() &&
                 !ui()->pushButtonTerminalSaveScript->isEnabled());
+        QCOMPARE(window_->bearingsWindow()->findChild<QPushButton*>("pushButtonBearingsApply")->toolTip(),
+                 "The receiver is in firmware update mode: switch back to standard mode to apply the offset");
         QSignalSpy progress(window_->gnxLink(), &OrviaGonioManager::Com::GnxLink::sigFirmwareProgress);
         dialogs_->files << van;
         dialogs_->answers << QMessageBox::Yes;
