@@ -97,7 +97,7 @@ void GnxLink::startLink(UartLink* link)
 
     connect(this, &GnxLink::sigOpenConnection, link, &UartLink::slotOpenConnection, Qt::QueuedConnection);
     connect(this, &GnxLink::sigSetLiveRxEnabled, link, &UartLink::slotSetLiveRxEnabled, Qt::QueuedConnection);
-    connect(this, &GnxLink::sigSendRequest, link, &UartLink::slotSendRequest, Qt::QueuedConnection);
+    connect(this, &GnxLink::sigSendRequest, link, &UartLink::sendQueuedRequest, Qt::QueuedConnection);
     connect(this, &GnxLink::sigSendManualGnxCmd, link, &UartLink::slotSendManualGnxCmd, Qt::QueuedConnection);
     connect(this, &GnxLink::sigCloseConnection, link, &UartLink::slotCloseConnection, Qt::QueuedConnection);
     connect(link, &UartLink::sigReplyReceived, this, &GnxLink::slotReplyReceived, Qt::QueuedConnection);

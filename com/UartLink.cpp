@@ -259,6 +259,17 @@ void UartLink::slotSendRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params, Gnx
     serialPort_.write('$' + frame.toLatin1() + "\r\n");
 }
 
+void UartLink::sendQueuedRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params,
+                                 GnxLink::GnxVersion_t gnxVersion)
+{
+    try {
+        slotSendRequest(gnxCmd, params, gnxVersion);
+    } catch (const MRL::Utils::Exception& e) {
+        if (!hasFailed())
+            emit sigErrorOccured(e.message());
+    }
+}
+
 void UartLink::slotSendManualGnxCmd(QString userCmd)
 {
     if (settings().printAtCmdDebugInfo)

@@ -70,6 +70,11 @@ public:
     // in another thread can look at status() again. Set before the link is moved to its thread.
     void setStateListener(std::function<void()> listener) { stateListener_ = std::move(listener); }
 
+    // slotSendRequest as the requester queues it: a command that crosses a failure of the link is
+    // refused without an exception, which nothing in this thread could catch; the failure reports
+    // itself, and any other refusal is reported as an error.
+    void sendQueuedRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params, GnxLink::GnxVersion_t gnxVersion);
+
 signals:
     void sigReplyReceived(QStringList replyValues, bool isError);
     void sigBinaryRfpDataReceived(QByteArray rfpData, bool isError);
