@@ -300,7 +300,6 @@ private slots:
     {
         QFETCH(QString, command);
         const bool monitor = command.startsWith("monitor");
-        gnxsim::Options o;
         QVERIFY(startSim("gnx234", monitor ? 20 : 0, false, monitor ? 0 : 2000));
         Run r;
         if (monitor) {

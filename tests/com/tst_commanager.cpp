@@ -102,17 +102,16 @@ private slots:
         QCOMPARE(listings, 1);
 
         // The node appears before udev has published the receiver's identifiers.
-        plugged << Port{"ttyUSB0", "/dev/ttyUSB0", 0x0403, 0x6001, {}};
+        const Port foreign{"ttyUSB0", "/dev/ttyUSB0", 0x0403, 0x6001, {}};
+        plugged << foreign;
         QFile(dev.filePath("ttyUSB0")).open(QIODevice::WriteOnly);
         QTRY_VERIFY_WITH_TIMEOUT((manager->slotScanComPorts(), listings > 1), 5000);
         // Scans a second apart; the identifiers change between two of them.
         for (now = 1000; now <= 20000; now += 1000) {
-            if (now >= identifiedMs)
-                plugged = {gnx("ttyUSB0")};
+            plugged = {now >= identifiedMs ? gnx("ttyUSB0") : foreign};
             const int before = listings;
             manager->slotScanComPorts();
-            if (now >= identifiedMs)
-                QCOMPARE(events.size(), identifiedMs < ComManager::kFreshPortMs ? 1 : 0);
+            QCOMPARE(events.size(), now >= identifiedMs && identifiedMs < ComManager::kFreshPortMs ? 1 : 0);
             if (now > ComManager::kFreshPortMs)
                 QCOMPARE(listings, before);
         }

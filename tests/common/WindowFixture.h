@@ -82,6 +82,14 @@ protected:
         dialogs_.reset();
     }
 
+    // The two generations, as a test's data.
+    static void bothModels()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::newRow("gnx134") << "gnx134";
+        QTest::newRow("gnx234") << "gnx234";
+    }
+
     static gnxsim::Options simOptions(const QString& model, int platforms = 0, int flashRecords = 0)
     {
         gnxsim::Options options;

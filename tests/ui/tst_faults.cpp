@@ -103,9 +103,6 @@ private:
             const qsizetype sent = sim_->receivedLines().count("TEST");
             if (completed || fault == "noise" ? sent != 10 : sent < doneAtFault || sent > doneAtFault + 1)
                 return QString("%1 lines sent, %2 done at the fault").arg(sent).arg(doneAtFault);
-        } else if (moment == "connection") { // whole, or ended: nothing of it runs after a failure
-            if (completed ? ui()->tableWidgetPlatforms->rowCount() != 6 : !window_->connectedPort().isEmpty())
-                return "the connection neither completed nor ended";
         } else if (moment == "upload") {
             if (!completed && sim_->mode() != gnxsim::Mode::Bl)
                 return "the receiver left the bootloader";

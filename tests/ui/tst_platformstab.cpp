@@ -65,12 +65,7 @@ private slots:
 
     void cleanup() { tearDown(); }
 
-    void platforms_data()
-    {
-        QTest::addColumn<QString>("model");
-        QTest::newRow("gnx134") << "gnx134";
-        QTest::newRow("gnx234") << "gnx234";
-    }
+    void platforms_data() { bothModels(); }
 
     void platforms()
     {

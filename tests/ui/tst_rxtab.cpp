@@ -70,10 +70,9 @@ private slots:
     {
         QTest::addColumn<QString>("model");
         QTest::addColumn<bool>("favourite");
-        QTest::newRow("gnx134 NPRF") << "gnx134" << true;
-        QTest::newRow("gnx134 NPR") << "gnx134" << false;
-        QTest::newRow("gnx234 NPRF") << "gnx234" << true;
-        QTest::newRow("gnx234 NPR") << "gnx234" << false;
+        for (const QString model : {"gnx134", "gnx234"})
+            for (const bool favourite : {true, false})
+                QTest::addRow("%s %s", qPrintable(model), favourite ? "NPRF" : "NPR") << model << favourite;
     }
 
     // Each report enters at the top with the favourite's index, label and payload position.
@@ -186,30 +185,20 @@ private slots:
 
         // The filter hides what does not match, also a row that arrives while it is set; the
         // selected row stays selected, live rows entering or not, and keeps its number.
-        const QString id = cell(1, 4);
-        ui()->lineEditRxIdFilter->setText(id);
-        QVERIFY(rx()->isHidden(0) && !rx()->isHidden(1));
+        ui()->lineEditRxIdFilter->setText(cell(1, 4));
         QCOMPARE(rx()->headerData(0, Qt::Vertical), QVariant(2));
         emitFrom(usedSlots_[0], true);
         QVERIFY(rx()->isHidden(0));
         emitFrom(usedSlots_[1], true);
-        QVERIFY(!rx()->isHidden(0));
         QCOMPARE(exportTo("selected-filtered.csv"), selected);
         ui()->pushButtonRxClearSelection->click();
-        const QStringList filtered = exportTo("filtered.csv");
-        QCOMPARE(filtered.size(), 3);
-        QCOMPARE(filtered[2], all[2]);
+        QCOMPARE(exportTo("filtered.csv").mid(2), all.mid(2, 1));
         ui()->lineEditRxIdFilter->clear();
         for (int row = 0; row < rx()->allRowCount(); ++row)
             QVERIFY(!rx()->isHidden(row));
     }
 
-    void readFlash_data()
-    {
-        QTest::addColumn<QString>("model");
-        QTest::newRow("gnx134") << "gnx134";
-        QTest::newRow("gnx234") << "gnx234";
-    }
+    void readFlash_data() { bothModels(); }
 
     // Every stored record becomes a row, newest first. A record names its favourite only by an equal
     // identifier: a GNX234 record carries every identifier on 28 bits, 7 characters.

@@ -104,12 +104,7 @@ private slots:
         QCOMPARE(sim_->receivedLines(), QStringList());
     }
 
-    void saveAndPlayBack_data()
-    {
-        QTest::addColumn<QString>("model");
-        QTest::newRow("gnx134") << "gnx134";
-        QTest::newRow("gnx234") << "gnx234";
-    }
+    void saveAndPlayBack_data() { bothModels(); }
 
     void saveAndPlayBack()
     {
