@@ -8,7 +8,7 @@ packages=(
     cmake g++ make pkg-config git
     qt6-base-dev qt6-serialport-dev libgl-dev
     clang libclang-rt-14-dev
-    xvfb xauth imagemagick
+    xvfb xauth xdotool imagemagick
     dpkg-dev fakeroot lintian desktop-file-utils appstream
     libmosquitto-dev mosquitto mosquitto-clients
     libgeographiclib-dev gdal-bin

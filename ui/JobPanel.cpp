@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QWindow>
 
 namespace OrviaGonioManager::Ui {
 
@@ -93,7 +94,16 @@ bool JobPanel::eventFilter(QObject* watched, QEvent* event)
         job_->cancel();
         return true;
     }
-    return watched != cancel_;
+    if (watched == cancel_)
+        return false;
+    // A real click reaches this window's top-level first, which hands it to the widget under the
+    // mouse: let it through when that widget is the button.
+    if (watched == cancel_->window()->windowHandle() && event->isPointerEvent()) {
+        auto* pointer = static_cast<QPointerEvent*>(event);
+        return pointer->pointCount() != 1 || !cancel_->rect().contains(cancel_->mapFromGlobal(
+                                                 pointer->point(0).globalPosition().toPoint()));
+    }
+    return true;
 }
 
 } // namespace OrviaGonioManager::Ui
