@@ -15,27 +15,16 @@ private:
     OrviaGonioManager::Utils::RxTableModel* rx() const { return window_->rxModel(); }
     QString cell(int row, int column) const { return rx()->cellText(row, column); }
 
+    // The favourites table is the one the connection loaded; rows a case adds go at its end.
     bool connectModel(const QString& model, int flashRecords = 0)
     {
-        return startAndConnect(simOptions(model, 3, flashRecords)) && fillPlatforms();
-    }
-
-    // The favourites table as the platforms tab shows it (Index, Id, Label, GPS Format); reading
-    // each slot also brings its GPS format in.
-    bool fillPlatforms()
-    {
+        if (!startAndConnect(simOptions(model, 3, flashRecords)))
+            return false;
         ui()->tableWidgetPlatforms->setSortingEnabled(false);
-        ui()->tableWidgetPlatforms->setRowCount(0);
-        usedSlots_.clear();
-        for (int i = 0; i < window_->gnxLink()->maxPlatformsNumber(); ++i) {
-            if (sim_->platformSlot(i).isEmpty())
-                continue;
-            const auto info = window_->gnxLink()->getPlatformInfo(i);
-            addPlatformRow(
-                {QString::number(i), info.id, info.label, info.gpsFormat ? info.gpsFormat->name : ""});
-            usedSlots_ << i;
-        }
-        return !usedSlots_.isEmpty();
+        for (int i = 0; i < window_->gnxLink()->maxPlatformsNumber(); ++i)
+            if (!sim_->platformSlot(i).isEmpty())
+                usedSlots_ << i;
+        return usedSlots_.size() == ui()->tableWidgetPlatforms->rowCount();
     }
 
     void addPlatformRow(const QStringList& cells)
@@ -63,7 +52,11 @@ private:
 
 private slots:
     void initTestCase() { QVERIFY(setUpWorkDir()); }
-    void init() { resetDialogs(); }
+    void init()
+    {
+        resetDialogs();
+        usedSlots_.clear();
+    }
     void cleanup() { tearDown(); }
 
     void liveReports_data()
