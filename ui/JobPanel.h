@@ -13,8 +13,8 @@ class JobProgress;
 namespace OrviaGonioManager::Ui {
 
 // The status bar's view of a long job: what it does, how far it is, the time left, and, when the
-// job can be cancelled, a "Cancel" button. Between two device requests it lets the button and the Escape key
-// through, and nothing else: the rest of the window refuses input while the job runs.
+// job can be cancelled, a "Cancel" button. Between two device requests it lets the button and the
+// Escape key through, and nothing else: the rest of the window refuses input while the job runs.
 class JobPanel : public QWidget
 {
     Q_OBJECT
