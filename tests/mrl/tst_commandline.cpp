@@ -1,5 +1,4 @@
 #include <QProcess>
-#include <QRegularExpression>
 #include <QTest>
 
 class TestCommandLine : public QObject
@@ -32,9 +31,8 @@ private slots:
         QCOMPARE(p.exitStatus(), QProcess::NormalExit);
         QCOMPARE(p.exitCode(), 0);
         const QString out = QString::fromUtf8(p.readAllStandardOutput());
-        QVERIFY2(option == "--version"
-                     ? QRegularExpression("^OrviaGonioManager 1\\.3 - \\S+\\n$").match(out).hasMatch()
-                     : out.contains("OrviaGonioManager, a Marlen application.") && out.contains("--version"),
+        QVERIFY2(out.startsWith(option == "--version" ? "OrviaGonioManager 1.3 - " : "Usage: ") &&
+                     out.contains(option == "--version" ? "" : "OrviaGonioManager, a Marlen application."),
                  qPrintable(out));
     }
 };

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Keys and clicks as the window system delivers them while the window waits on the receiver: the
-# program as its own process under Xvfb, driven by xdotool, against gnxsim answering slowly.
+# Real keys and clicks (xdotool, Xvfb, the program as its own process, gnxsim answering slowly):
 # Escape and a click where "Cancel" stands leave the connection's own platform load whole; a click
 # on "Cancel" and Escape each stop the user's flash read.
 set -uo pipefail

@@ -280,8 +280,7 @@ private slots:
         if ((fault == "drop" || fault == "stall") && !kSanitized)
             QVERIFY2(failedAtMs >= kTimeoutMs && cpuUntilFailureMs * 20 < failedAtMs,
                      qPrintable(QString("%1 ms of CPU in %2 ms").arg(cpuUntilFailureMs).arg(failedAtMs)));
-        // A connection that fails ends there, once: nothing of it runs after, no session log is
-        // made or left open.
+        // A failed connection ends there, once: nothing of it after, no session log made or open.
         if (moment == "connection" && !completed) {
             said = said.filter(QRegularExpression("^(?!Platform load: )"));
             QCOMPARE(said.mid(0, 2),

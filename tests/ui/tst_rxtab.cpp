@@ -21,6 +21,7 @@ private:
         if (!startAndConnect(simOptions(model, 3, flashRecords)))
             return false;
         ui()->tableWidgetPlatforms->setSortingEnabled(false);
+        usedSlots_.clear();
         for (int i = 0; i < window_->gnxLink()->maxPlatformsNumber(); ++i)
             if (!sim_->platformSlot(i).isEmpty())
                 usedSlots_ << i;
@@ -52,11 +53,7 @@ private:
 
 private slots:
     void initTestCase() { QVERIFY(setUpWorkDir()); }
-    void init()
-    {
-        resetDialogs();
-        usedSlots_.clear();
-    }
+    void init() { resetDialogs(); }
     void cleanup() { tearDown(); }
 
     void liveReports_data()
