@@ -82,13 +82,6 @@ protected:
         dialogs_.reset();
     }
 
-    // The part of the session log's name that names the emulated receiver.
-    static QString logIdentity(const gnxsim::PtySimulator& sim)
-    {
-        const QStringList parts = sim.serialNumber().split('-');
-        return parts.value(0).rightJustified(4, '0') + "-" + parts.value(1);
-    }
-
     // The two generations, as a test's data.
     static void bothModels()
     {

@@ -10,7 +10,6 @@ scratch=$(mktemp -d) log=$(mktemp)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch" "$log"' EXIT
 mkdir -p "$scratch/Data" "$scratch/run" && echo 0 >"$scratch/Data/format.vtl" && cd "$scratch/run" || exit 1
 export XDG_CONFIG_HOME=$scratch GNX_EXTRA_PORTS=$scratch/gnx0
-
 fail() { echo "FAIL: $1" && grep -v '^Send \|^Receive ' "$log" | tail -20 && exit 1; }
 # Waits up to 30 s until the log holds TEXT N times.
 said() { for _ in $(seq 300); do [ "$(grep -cF -- "$1" "$log")" = "${2:-1}" ] && return 0; sleep 0.1; done; return 1; }
@@ -30,7 +29,6 @@ xdotool key Escape && click cancel
 said "GNX configuration loaded!" || fail "the connection did not end"
 said "Platform load: 100% (64 of 64 slots)" && said "cancelled" 0 || fail "the connection's platform load was cut short"
 echo "PASS: Escape and a click during the connection's load"
-
 click rx
 for n in 1 2; do
     click read

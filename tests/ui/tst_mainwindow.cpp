@@ -21,6 +21,12 @@ namespace GnxFrame = OrviaGonioManager::Com::GnxFrame;
 
 namespace {
 
+QString logIdentity(const gnxsim::PtySimulator& sim)
+{
+    const QStringList parts = sim.serialNumber().split('-');
+    return parts.value(0).rightJustified(4, '0') + "-" + parts.value(1);
+}
+
 // Lines of a command written with values (not a read with every parameter empty).
 QStringList writesOf(const QStringList& lines, const QString& mnemonic)
 {
