@@ -245,7 +245,6 @@ void MainWindow::showBootloaderMode(bool bootloader)
     for (QWidget* w : application)
         w->setEnabled(!bootloader);
     ui_->tabWidget->setTabEnabled(ui_->tabWidget->indexOf(ui_->tabPlatforms), !bootloader);
-    updateBearingsApply();
     if (!bootloader)
         return;
     clearSetups();

@@ -9,7 +9,6 @@
 #include "utils/GpsFormat.h"
 
 #include <QLineEdit>
-#include <QScopeGuard>
 #include <QSignalBlocker>
 
 #include <exception>
@@ -149,7 +148,7 @@ void MainWindow::slotReloadGpsFormatsFile()
     guard([&] { reloadGpsFormatsFile(); });
 }
 
-// A missing or unreadable file still lets the platforms be listed; its error is shown after, and
+// A missing or unreadable file still lets the platforms be listed; its error is shown after and
 // stops nothing. The receiver's failures go to the caller.
 void MainWindow::reloadGpsFormatsFile()
 {
@@ -160,12 +159,10 @@ void MainWindow::reloadGpsFormatsFile()
     } catch (const MRL::Utils::Exception&) {
         fileError = std::current_exception();
     }
-    const auto showFileError = qScopeGuard([&] {
-        if (fileError)
-            guard([&] { std::rethrow_exception(fileError); });
-    });
     if (gnxLink_->isConnected())
         loadPlatformsTable();
+    if (fileError)
+        guard([&] { std::rethrow_exception(fileError); });
 }
 
 void MainWindow::slotSaveGpsFormatsFile()

@@ -29,12 +29,12 @@ QString sexagesimal(double degrees, qint64 unitsPerDegree, bool withSeconds)
 
 } // namespace
 
-QString format(double degrees, Com::GnxLink::CoordType_t type, char decimalFormat, int precision)
+QString format(double degrees, Com::GnxLink::CoordType_t type)
 {
-    // Far beyond any coordinate (a payload decoded with a wrong format): no sexagesimal form.
+    // Far beyond any coordinate: no sexagesimal form.
     constexpr double kLargest = 1e12;
     if (!std::isfinite(degrees) || std::fabs(degrees) > kLargest || type == Com::GnxLink::COORDTYPE_DEG)
-        return QString::number(degrees, decimalFormat, precision);
+        return QString::number(degrees, 'f', 5);
     if (type == Com::GnxLink::COORDTYPE_DEGMINSEC)
         return sexagesimal(degrees, 6000, false);
     return sexagesimal(degrees, 3600, true);

@@ -53,12 +53,6 @@ QString levelText(int levelCode, qint32 level)
     }
 }
 
-// The receiver's own position as its coordinate type says, with five decimals.
-QString gnxCoordinate(double degrees, GnxLink::CoordType_t type)
-{
-    return CoordinateText::format(degrees, type, 'f', 5);
-}
-
 // A payload position is always plain degrees, six significant digits, whatever the coordinate type.
 QString payloadCoordinate(double degrees)
 {
@@ -142,9 +136,11 @@ QString RxTableModel::cellText(const Row& r, int column, GnxLink::CoordType_t co
     case COL_PERIOD:
         return QStringLiteral("%1").arg(m.period);
     case COL_GNX_LATITUDE:
-        return gnxPositionValid ? gnxCoordinate(m.gnxLatitude, coordType) : QStringLiteral("Invalid");
+        return gnxPositionValid ? CoordinateText::format(m.gnxLatitude, coordType)
+                                : QStringLiteral("Invalid");
     case COL_GNX_LONGITUDE:
-        return gnxPositionValid ? gnxCoordinate(m.gnxLongitude, coordType) : QStringLiteral("Invalid");
+        return gnxPositionValid ? CoordinateText::format(m.gnxLongitude, coordType)
+                                : QStringLiteral("Invalid");
     case COL_GNX_DIRECTION:
         return QStringLiteral("%1").arg(m.gnxDirection);
     case COL_PAYLOAD_LATITUDE:
@@ -202,22 +198,10 @@ void RxTableModel::setIdFilter(const QString& filter)
     if (filter == filter_)
         return;
     emit layoutAboutToBeChanged();
-    const QModelIndexList before = persistentIndexList();
-    std::vector<int> storage;
-    storage.reserve(size_t(before.size()));
-    for (const QModelIndex& i : before)
-        storage.push_back(visible_[visible_.size() - 1 - size_t(i.row())]);
+    const std::vector<int> storage = persistentStorage();
     filter_ = filter;
     rebuildVisible();
-    QModelIndexList after;
-    after.reserve(before.size());
-    for (int i = 0; i < before.size(); ++i) {
-        const auto it = std::lower_bound(visible_.begin(), visible_.end(), storage[size_t(i)]);
-        after << (it != visible_.end() && *it == storage[size_t(i)]
-                      ? index(int(visible_.end() - it) - 1, before[i].column())
-                      : QModelIndex());
-    }
-    changePersistentIndexList(before, after);
+    movePersistent(storage);
     emit layoutChanged();
 }
 
@@ -243,9 +227,40 @@ void RxTableModel::rebuildVisible()
             visible_.push_back(i);
 }
 
+int RxTableModel::storageIndex(int modelRow) const
+{
+    return visible_[visible_.size() - 1 - size_t(modelRow)];
+}
+
+int RxTableModel::modelRow(int storageIndex) const
+{
+    const auto it = std::lower_bound(visible_.begin(), visible_.end(), storageIndex);
+    return it != visible_.end() && *it == storageIndex ? int(visible_.end() - it) - 1 : -1;
+}
+
+std::vector<int> RxTableModel::persistentStorage() const
+{
+    std::vector<int> storage;
+    for (const QModelIndex& i : persistentIndexList())
+        storage.push_back(storageIndex(i.row()));
+    return storage;
+}
+
+// Indexes kept by views (the selection) follow their rows; those of rows now hidden go.
+void RxTableModel::movePersistent(const std::vector<int>& storage)
+{
+    const QModelIndexList before = persistentIndexList();
+    QModelIndexList after;
+    for (int i = 0; i < before.size(); ++i) {
+        const int row = modelRow(storage[size_t(i)]);
+        after << (row < 0 ? QModelIndex() : index(row, before[i].column()));
+    }
+    changePersistentIndexList(before, after);
+}
+
 const RxTableModel::Row& RxTableModel::visibleRow(int modelRow) const
 {
-    return rows_[size_t(visible_[visible_.size() - 1 - size_t(modelRow)])];
+    return rows_[size_t(storageIndex(modelRow))];
 }
 
 QString RxTableModel::cellText(int row, int column) const
@@ -298,9 +313,7 @@ QVariant RxTableModel::headerData(int section, Qt::Orientation orientation, int 
         return {};
     // Rows are numbered in the whole table, as a table that hides rows numbers them.
     if (orientation == Qt::Vertical)
-        return section >= 0 && section < rowCount()
-                   ? int(rows_.size()) - visible_[visible_.size() - 1 - size_t(section)]
-                   : section + 1;
+        return section >= 0 && section < rowCount() ? int(rows_.size()) - storageIndex(section) : section + 1;
     return headerTexts().value(section);
 }
 
@@ -309,11 +322,7 @@ void RxTableModel::sort(int column, Qt::SortOrder order)
     if (column < 0 || column >= COLUMN_COUNT || rows_.size() < 2)
         return;
     emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
-    const QModelIndexList before = persistentIndexList();
-    std::vector<int> beforeRows;
-    beforeRows.reserve(size_t(before.size()));
-    for (const QModelIndex& i : before)
-        beforeRows.push_back(visible_[visible_.size() - 1 - size_t(i.row())]);
+    std::vector<int> storage = persistentStorage();
 
     // Keys in display order, top first. Times compare as their texts do; whole seconds say the same
     // from 1970 to 9999, and cost no text.
@@ -370,15 +379,9 @@ void RxTableModel::sort(int column, Qt::SortOrder order)
         from[at] = -1;
     }
     rebuildVisible();
-
-    std::vector<int> modelRowOf(n, -1); // storage index -> model row
-    for (size_t v = 0; v < visible_.size(); ++v)
-        modelRowOf[size_t(visible_[v])] = int(visible_.size() - 1 - v);
-    QModelIndexList after;
-    after.reserve(before.size());
-    for (int i = 0; i < before.size(); ++i)
-        after << index(modelRowOf[size_t(moved[size_t(beforeRows[size_t(i)])])], before[i].column());
-    changePersistentIndexList(before, after);
+    for (int& index : storage)
+        index = moved[size_t(index)];
+    movePersistent(storage);
     emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
 }
 

@@ -102,6 +102,10 @@ public:
 
 private:
     bool passes(const Row& row) const;
+    int storageIndex(int modelRow) const;
+    int modelRow(int storageIndex) const; // -1 when hidden
+    std::vector<int> persistentStorage() const;
+    void movePersistent(const std::vector<int>& storage);
     const Row& visibleRow(int modelRow) const;
     void rebuildVisible();
 
