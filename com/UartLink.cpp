@@ -6,6 +6,7 @@
 #include <QDebug>
 #include <QMetaEnum>
 
+#include <cctype>
 #include <limits>
 
 namespace OrviaGonioManager::Com {
@@ -143,6 +144,8 @@ void UartLink::slotOpenConnection()
     }
     serialPort_.clear(QSerialPort::AllDirections);
     serialPort_.clearError();
+    lineBuffer_.clear();
+    seekingFrameStart_ = true;
     setDtr(true);
     connect(&serialPort_, &QSerialPort::readyRead, this, &UartLink::slotReadyRead, Qt::UniqueConnection);
     portOpen_.store(true);
@@ -317,7 +320,30 @@ void UartLink::receive(const QByteArray& bytes)
         return;
     }
     lineBuffer_ += bytes;
+    if (seekingFrameStart_ && !dropToFrameStart())
+        return;
     processLines();
+}
+
+// Clearing the port at opening can cut a line the device was writing; its tail, taken for a
+// garbled answer, would end the first request and leave its true answer unclaimed.
+bool UartLink::dropToFrameStart()
+{
+    qsizetype first = 0;
+    while (first < lineBuffer_.size() && std::isspace(static_cast<unsigned char>(lineBuffer_.at(first))))
+        ++first;
+    if (first == lineBuffer_.size() || lineBuffer_.at(first) == '$') {
+        seekingFrameStart_ = first == lineBuffer_.size(); // blank lines are still lines
+        return true;
+    }
+    const qsizetype start = lineBuffer_.indexOf('$', first);
+    const qsizetype cut = start < 0 ? lineBuffer_.size() : start;
+    if (settings().printAtCmdDebugInfo)
+        qDebug().noquote() << QStringLiteral("Skip %1").arg(
+            QString::fromLatin1(lineBuffer_.left(cut)).trimmed());
+    lineBuffer_.remove(0, cut);
+    seekingFrameStart_ = start < 0;
+    return !seekingFrameStart_;
 }
 
 void UartLink::processLines()

@@ -103,6 +103,7 @@ private:
     void dropPort(const QString& message);
 
     void sendDeferred();
+    bool dropToFrameStart();
     void processLines();
     void handleLine(const QString& line);
     bool decode(const QString& line, GnxFrame::DecodedLine& decoded);
@@ -136,6 +137,7 @@ private:
     QString portName_;     // as reported to the user
     QString portLocation_; // what the port is opened with
     QByteArray lineBuffer_;
+    bool seekingFrameStart_ = true; // until the first "$" after opening
     bool dtrWarned_ = false;
     std::atomic<bool> failed_{false};
     std::atomic<bool> portOpen_{false};
