@@ -17,8 +17,14 @@ enum ExitCode
 // A failure that ends the program with its code; the message goes to standard error.
 struct CliError
 {
+    CliError(ExitCode code, const QString& message, int line = 0, const QString& field = {})
+        : code(code), message(message), line(line), field(field)
+    {}
+
     ExitCode code;
     QString message;
+    int line = 0;  // of the input file, when there is one
+    QString field; // of that line, or the option
 };
 
 } // namespace OrviaGonioManager::Cli

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "cli/CliArgs.h"
 #include "cli/CliError.h"
 #include "com/GnxLink.h"
 #include "mrl/utils/Exception.h"
 #include "utils/JobProgress.h"
 #include "utils/RxTableModel.h"
 
-#include <QCommandLineParser>
+#include <QHash>
 #include <QJsonObject>
 #include <QStringList>
 
@@ -21,72 +22,73 @@ namespace OrviaGonioManager::Cli {
 class Gnxctl
 {
 public:
+    using Run = std::function<void(const CliArgs&)>;
+
     Gnxctl();
     ~Gnxctl();
 
     int run(const QStringList& arguments);
+    // Where gnxctl keeps what it makes for the user: $XDG_STATE_HOME/gnxctl.
+    static QString stateDirectory();
 
 private:
-    struct Command
-    {
-        QString name; // "flash read"
-        QString synopsis;
-        QString description;
-        std::function<void(QCommandLineParser&)> addOptions;
-        std::function<void(QCommandLineParser&)> run;
-    };
-
     void addCommands();
     void addDeviceCommands();
     void addFlashCommands();
     void addFileCommands();
-    const Command* findCommand(const QStringList& words, int& used) const;
-    QString overview() const;
-    void addGlobalOptions(QCommandLineParser& parser) const;
+    // A command under its words ("flash read"), made with its groups; run once parsed.
+    CLI::App& command(const QString& words, const QString& description, const Run& run);
+    // A parse failure in words a person understands, with a suggestion for a mistyped command.
+    CliError usageError(const QStringList& arguments, const std::exception& e) const;
+    int fail(const CliError& e) const;
 
     // The receiver named by --port, or the only one found; opened and identified.
-    void connectReceiver(const QCommandLineParser& parser);
+    void connectReceiver(const CliArgs& args);
     void openReceiver(const QString& port);
     // Opens each port in turn until the receiver with this serial number answers.
     bool findReceiver(const QStringList& ports, const QString& serial);
     static QStringList foundPorts();
     static QString serialOf(const Com::GnxLink::GnxDeviceInfo& d);
     static QJsonObject identification(const Com::GnxLink::GnxDeviceInfo& d);
+    static QString openFailure(const QString& port, const QString& linkMessage);
     [[noreturn]] void failDevice(const MRL::Utils::Exception& e);
-    static QStringList positional(const QCommandLineParser& parser, int skip, int count,
-                                  const QString& names);
     static void out(const QString& text);
+    static void writeOutput(const QString& fileName, const QString& what, const QByteArray& bytes);
 
     // The device commands.
     void ports();
     void info(bool json);
     void setupGet(bool json);
     void setupSet(const QString& fileName, const QJsonObject& wanted);
-    void timeGet();
-    void timeSync();
+    void timeGet(bool json);
+    void timeSync(bool now);
+    void waitUntil(const QDateTime& at);
     void send(const QString& command);
     void mode(const QString& which);
     // The flash and reception commands.
-    void flashRead(const QCommandLineParser& parser);
+    void flashRead(const CliArgs& args);
     void flashErase(bool confirmed);
-    void monitor(const QCommandLineParser& parser);
-    static void addStationOptions(QCommandLineParser& parser);
-    void monitorMqtt(const QCommandLineParser& parser);
-    void loadFormats(const QCommandLineParser& parser);
+    void monitor(const CliArgs& args);
+    static void addStationOptions(CLI::App& command);
+    void monitorMqtt(const CliArgs& args);
+    void loadFormats(const CliArgs& args);
     std::map<int, QString> loadFavourites();
     // The commands on files shared with the window.
     void platformsExport(const QString& fileName);
-    void platformsImport(const QString& fileName, const QStringList& lines);
+    void platformsImport(const CliArgs& args);
     void formatsCheck(const QString& fileName);
-    void scriptRun(const QString& fileName, const QStringList& lines);
+    void scriptRun(const QString& fileName, const QStringList& lines, bool keepGoing);
     void scriptSave(const QString& fileName);
 
-    QList<Command> commands_;
+    std::unique_ptr<CLI::App> app_;
+    QHash<QString, CLI::App*> groups_;
+    QHash<const CLI::App*, Run> runs_;
+    bool json_ = false;
+    bool quiet_ = false;
     std::unique_ptr<Com::GnxLink> link_;
     Com::GnxLink::GnxDeviceInfo device_;
     Utils::JobProgress job_;
     QString lastLinkError_;
-    int skipWords_ = 0;
     Utils::RxTableModel rows_; // makes the rows, with the favourites its lookup knows
 };
 

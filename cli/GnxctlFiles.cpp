@@ -4,14 +4,20 @@
 
 #include "cli/ProgressPrinter.h"
 #include "com/PlatformCodec.h"
+#include "com/PlatformsCheck.h"
 #include "com/PlatformsFile.h"
+#include "com/PlatformsImport.h"
 #include "com/ScriptFile.h"
 #include "mrl/utils/Exception.h"
 #include "utils/FirmwareFile.h"
 #include "utils/GpsFormat.h"
+#include "utils/OutputFile.h"
 
+#include <CLI/CLI.hpp>
+
+#include <QDateTime>
+#include <QDir>
 #include <QFile>
-#include <QSaveFile>
 #include <QTextStream>
 
 #include <cstdio>
@@ -36,121 +42,143 @@ template <typename F> auto fromFile(F&& f)
 
 void Gnxctl::addFileCommands()
 {
-    const auto none = [](QCommandLineParser&) {};
-    const auto oneFile = [this](QCommandLineParser& p) {
-        return positional(p, skipWords_, 1, QStringLiteral("one file")).first();
+    const auto file = [](CLI::App& c, const char* what, bool required = true) {
+        CLI::Option* o = c.add_option("file")->description(what)->type_name("FILE");
+        if (required)
+            o->required();
     };
-    commands_ << Command{QStringLiteral("platforms export"),
-                         QStringLiteral("gnxctl platforms export FILE.csv"),
-                         QStringLiteral("Writes the favourite platforms in the window's CSV format."), none,
-                         [=](QCommandLineParser& p) {
-                             const QString file = oneFile(p);
-                             connectReceiver(p);
-                             platformsExport(file);
-                         }};
-    commands_ << Command{
+    file(command(QStringLiteral("platforms export"),
+                 QStringLiteral("Writes the favourite platforms in the window's CSV format."),
+                 [this](const CliArgs& a) {
+                     connectReceiver(a);
+                     platformsExport(a.value(QStringLiteral("file")));
+                 }),
+         "The CSV file (\"-\" or none: standard output; a device or a FIFO is written in place).", false);
+    CLI::App& import = command(
         QStringLiteral("platforms import"),
-        QStringLiteral("gnxctl platforms import FILE.csv [--formats FILE]"),
-        QStringLiteral(
-            "Replaces every favourite platform with those of the file; the GPS formats are those the "
-            "receiver holds and those of --formats."),
-        [](QCommandLineParser& p) {
-            p.addOption(
-                {QStringLiteral("formats"), QStringLiteral("GPS formats file."), QStringLiteral("FILE")});
-        },
-        [=](QCommandLineParser& p) {
-            const QString file = oneFile(p);
-            const QStringList lines = fromFile([&] { return Com::PlatformsFile::readLines(file); });
-            loadFormats(p);
-            connectReceiver(p);
-            platformsImport(file, lines);
-        }};
-    commands_ << Command{QStringLiteral("formats check"), QStringLiteral("gnxctl formats check FILE"),
-                         QStringLiteral("Validates a GPS formats file and reports each bad line."), none,
-                         [=](QCommandLineParser& p) { formatsCheck(oneFile(p)); }};
-    commands_ << Command{
-        QStringLiteral("script run"), QStringLiteral("gnxctl script run FILE"),
-        QStringLiteral("Plays a command script back to the receiver."), none, [=](QCommandLineParser& p) {
-            const QString file = oneFile(p);
-            const QStringList lines = fromFile([&] { return Com::ScriptFile::readLines(file); });
-            connectReceiver(p);
-            scriptRun(file, lines);
-        }};
-    commands_ << Command{QStringLiteral("script save"), QStringLiteral("gnxctl script save FILE"),
-                         QStringLiteral("Saves the receiver's setups and favourite platforms as a script."),
-                         none, [=](QCommandLineParser& p) {
-                             const QString file = oneFile(p);
-                             connectReceiver(p);
-                             scriptSave(file);
-                         }};
-    commands_ << Command{
-        QStringLiteral("firmware upload"), QStringLiteral("gnxctl firmware upload FILE.van"),
-        QStringLiteral("Uploads a firmware (the receiver in its bootloader: \"gnxctl mode bl\")."), none,
-        [=](QCommandLineParser& p) {
-            const QString file = oneFile(p);
-            QFile van(file);
-            if (!van.open(QIODevice::ReadOnly))
-                throw CliError{EXIT_USAGE, QStringLiteral("Unable to open GNX firmware file %1").arg(file)};
-            const QByteArray content = van.readAll();
-            connectReceiver(p);
-            const auto firmware =
-                fromFile([&] { return Utils::FirmwareFile::parse(content, file, int(link_->version())); });
-            ProgressPrinter progress(job_, stderr);
-            const Utils::JobScope scope(job_, QStringLiteral("Upload"), firmware.records.size(),
-                                        QStringLiteral("records"));
-            QObject::connect(link_.get(), &GnxLink::sigFirmwareProgress, &job_,
-                             [this](int sent) { job_.advance(sent); });
-            link_->uploadFirmware(firmware.records);
-        }};
+        QStringLiteral("Replaces every favourite platform with those of the file, as one transaction: the "
+                       "whole file is checked first, the slots are kept (and saved to a backup file) before "
+                       "the first write, every slot is read back, and on any failure the kept slots are "
+                       "written back."),
+        [this](const CliArgs& a) { platformsImport(a); });
+    file(import, "The CSV file, as \"platforms export\" writes it.");
+    import.add_option("--formats", "GPS formats file (besides the formats the receiver holds).")
+        ->type_name("FILE");
+    import
+        .add_option("--backup", "Where the slots are saved before the first write (default: in the user's "
+                                "state directory, $XDG_STATE_HOME/gnxctl).")
+        ->type_name("FILE");
+    import.add_flag("--dry-run", "Check the file and print what would change; nothing is written.");
+    file(command(QStringLiteral("formats check"),
+                 QStringLiteral("Validates a GPS formats file and reports each bad line."),
+                 [this](const CliArgs& a) { formatsCheck(a.value(QStringLiteral("file"))); }),
+         "The GPS formats file.");
+    CLI::App& run = command(
+        QStringLiteral("script run"),
+        QStringLiteral("Plays a command script back to the receiver; stops at the first line that fails."),
+        [this](const CliArgs& a) {
+            const QString name = a.value(QStringLiteral("file"));
+            const QStringList lines = fromFile([&] { return Com::ScriptFile::readLines(name); });
+            connectReceiver(a);
+            scriptRun(name, lines, a.isSet(QStringLiteral("keep-going")));
+        });
+    file(run, "The script: one frame a line; lines without a leading \"$\" are comments.");
+    run.add_flag("--keep-going", "Play every line, as the window does, and fail at the end if any line did.");
+    file(command(QStringLiteral("script save"),
+                 QStringLiteral("Saves the receiver's setups and favourite platforms as a script."),
+                 [this](const CliArgs& a) {
+                     connectReceiver(a);
+                     scriptSave(a.value(QStringLiteral("file")));
+                 }),
+         "The script (\"-\" or none: standard output).", false);
+    file(command(QStringLiteral("firmware upload"),
+                 QStringLiteral("Uploads a firmware (the receiver in its bootloader: \"gnxctl mode bl\")."),
+                 [this](const CliArgs& a) {
+                     const QString name = a.value(QStringLiteral("file"));
+                     QFile van(name);
+                     if (!van.open(QIODevice::ReadOnly))
+                         throw CliError{EXIT_USAGE,
+                                        QStringLiteral("Unable to open GNX firmware file %1").arg(name)};
+                     const QByteArray content = van.readAll();
+                     connectReceiver(a);
+                     const auto firmware = fromFile(
+                         [&] { return Utils::FirmwareFile::parse(content, name, int(link_->version())); });
+                     ProgressPrinter progress(job_, quiet_ ? nullptr : stderr);
+                     const Utils::JobScope scope(job_, QStringLiteral("Upload"), firmware.records.size(),
+                                                 QStringLiteral("records"));
+                     QObject::connect(link_.get(), &GnxLink::sigFirmwareProgress, &job_,
+                                      [this](int sent) { job_.advance(sent); });
+                     link_->uploadFirmware(firmware.records);
+                 }),
+         "The firmware file (.van).");
+}
+
+// A file the user named, or standard output ("-" or none); devices and FIFOs are written in
+// place, a regular file completely or not at all.
+void Gnxctl::writeOutput(const QString& fileName, const QString& what, const QByteArray& bytes)
+{
+    Utils::OutputFile file(fileName.isEmpty() ? QStringLiteral("-") : fileName);
+    if (!file.open(QIODevice::WriteOnly))
+        throw CliError{
+            EXIT_USAGE,
+            QStringLiteral("Unable to open %1 %2: %3").arg(what, file.fileName(), file.errorString())};
+    if (file.device()->write(bytes) != bytes.size() || !file.commit())
+        throw CliError{
+            EXIT_USAGE,
+            QStringLiteral("Unable to write %1 %2: %3").arg(what, file.fileName(), file.errorString())};
 }
 
 void Gnxctl::platformsExport(const QString& fileName)
 {
-    QSaveFile file(fileName);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
-        throw CliError{EXIT_USAGE, QStringLiteral("Unable to open platforms file %1").arg(fileName)};
-    QTextStream out(&file);
-    out << Com::PlatformsFile::header(link_->version()) << '\n';
+    // Read whole before anything is written: a failed read leaves no half file, even on a FIFO.
+    QString text = Com::PlatformsFile::header(link_->version()) + QLatin1Char('\n');
     for (int i = 0; i < link_->maxPlatformsNumber(); ++i) {
         const GnxLink::PlatformInfo p = link_->getPlatformInfo(i);
         if (!p.id.isEmpty())
-            out << Com::PlatformCodec::csvFields(p, p.gpsFormat ? p.gpsFormat->name : QString(),
-                                                 link_->version())
-                       .join(QLatin1Char(','))
-                << '\n';
+            text += Com::PlatformCodec::csvFields(p, p.gpsFormat ? p.gpsFormat->name : QString(),
+                                                  link_->version())
+                        .join(QLatin1Char(',')) +
+                    QLatin1Char('\n');
     }
-    out.flush();
-    if (out.status() != QTextStream::Ok || !file.commit())
-        throw CliError{EXIT_USAGE, QStringLiteral("Unable to write platforms file %1").arg(fileName)};
+    writeOutput(fileName, QStringLiteral("platforms file"), text.toUtf8());
 }
 
-void Gnxctl::platformsImport(const QString& fileName, const QStringList& lines)
+void Gnxctl::platformsImport(const CliArgs& a)
 {
-    // The whole file is checked before anything is deleted, with the receiver's formats known.
-    loadFavourites();
-    fromFile([&] {
-        if (lines.size() > link_->maxPlatformsNumber())
-            throw MRL::Utils::Exception(
-                QStringLiteral("Unable to read import whole platform file %1, too many platforms.")
-                    .arg(fileName),
-                2);
-        for (const QString& line : lines)
-            Com::PlatformsFile::parseLine(line, link_->version(), fileName);
-        return 0;
-    });
-    // Every slot, as the window does: the file's platforms replace all.
-    for (int i = 0; i < link_->maxPlatformsNumber(); ++i)
-        link_->deletePlatformInfo(i);
-    ProgressPrinter progress(job_, stderr);
-    const Utils::JobScope scope(job_, QStringLiteral("Platform import"), lines.size(),
-                                QStringLiteral("platforms"));
+    const QString fileName = a.value(QStringLiteral("file"));
+    loadFormats(a);
+    connectReceiver(a);
+    ProgressPrinter progress(job_, quiet_ ? nullptr : stderr);
+    Com::PlatformsImport import(*link_, &job_);
+    const bool dryRun = a.isSet(QStringLiteral("dry-run"));
+    QString backup = a.value(QStringLiteral("backup"));
+    if (backup.isEmpty() && !dryRun) {
+        const QString dir = stateDirectory() + QStringLiteral("/backups");
+        if (!QDir().mkpath(dir))
+            throw CliError{EXIT_USAGE, QStringLiteral("Unable to make the backup directory %1").arg(dir)};
+        backup = QStringLiteral("%1/platforms-%2-%3.csv")
+                     .arg(dir, serialOf(device_),
+                          QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddTHHmmss")));
+    }
+    QList<Com::PlatformsImport::Change> changes;
     try {
-        Com::PlatformsFile::importLines(*link_, lines, fileName,
-                                        [this](int written) { return job_.advance(written); });
-    } catch (const MRL::Utils::Exception& e) {
-        if (link_->isUsable()) // the file's fault, not the receiver's
-            throw CliError{EXIT_USAGE, e.message()};
-        throw;
+        changes = dryRun ? import.dryRun(fileName) : import.run(fileName, backup);
+    } catch (const Com::PlatformsCheck::Error& e) {
+        throw CliError{EXIT_USAGE, e.message(), e.line(), e.field()};
+    } catch (const Com::PlatformsImport::Error& e) {
+        throw CliError{EXIT_DEVICE, e.message(), e.line()};
+    }
+    if (dryRun) {
+        QString text;
+        for (const auto& c : std::as_const(changes))
+            text += QStringLiteral("slot %1: %2 -> %3\n")
+                        .arg(c.slot)
+                        .arg(c.before.isEmpty() ? QStringLiteral("(free)") : c.before,
+                             c.after.isEmpty() ? QStringLiteral("(free)") : c.after);
+        out(text.isEmpty() ? QStringLiteral("nothing would change\n") : text);
+    } else if (!quiet_) {
+        std::fprintf(stderr, "gnxctl: %lld slot(s) changed; the slots as they were are in %s\n",
+                     static_cast<long long>(changes.size()), QFile::encodeName(backup).constData());
     }
 }
 
@@ -182,27 +210,39 @@ void Gnxctl::formatsCheck(const QString& fileName)
     out(QStringLiteral("%1: %2 GPS formats\n").arg(fileName).arg(formats));
 }
 
-void Gnxctl::scriptRun(const QString& fileName, const QStringList& lines)
+void Gnxctl::scriptRun(const QString& fileName, const QStringList& lines, bool keepGoing)
 {
-    ProgressPrinter progress(job_, stderr);
+    ProgressPrinter progress(job_, quiet_ ? nullptr : stderr);
     const Utils::JobScope scope(job_, QStringLiteral("Script"), Com::ScriptFile::commandCount(lines),
                                 QStringLiteral("lines"));
-    bool failed = false;
-    Com::ScriptFile::play(
-        *link_, lines, fileName,
-        [&](const QString& message) {
-            failed = true;
-            std::fprintf(stderr, "gnxctl: %s\n", message.toLocal8Bit().constData());
-        },
-        [this](int sent) { return job_.advance(sent); });
-    if (failed)
-        throw CliError{EXIT_DEVICE, QStringLiteral("the receiver refused some lines of %1").arg(fileName)};
+    int sent = 0;
+    int failed = 0;
+    for (int i = 0; i < lines.size(); ++i) {
+        if (!lines[i].startsWith(QLatin1Char('$')))
+            continue; // a comment
+        try {
+            link_->exchangeManualCommand(lines[i]);
+        } catch (const MRL::Utils::Exception& e) {
+            const CliError error{EXIT_DEVICE,
+                                 QStringLiteral("%1, line %2: %3").arg(fileName).arg(i + 1).arg(e.message()),
+                                 i + 1};
+            // Without a link every further line would fail the same way.
+            if (!keepGoing || !link_->isUsable())
+                throw error;
+            ++failed;
+            fail(error);
+        }
+        job_.advance(++sent);
+    }
+    if (failed > 0)
+        throw CliError{EXIT_DEVICE,
+                       QStringLiteral("%1 of %2 lines of %3 failed").arg(failed).arg(sent).arg(fileName)};
 }
 
 void Gnxctl::scriptSave(const QString& fileName)
 {
-    QSaveFile file;
-    fromFile([&] { Com::ScriptFile::open(file, fileName); });
+    Utils::OutputFile file;
+    fromFile([&] { Com::ScriptFile::open(file, fileName.isEmpty() ? QStringLiteral("-") : fileName); });
     // Everything is read first: a read while recording would only add its request to the script.
     const GnxLink::SetupSoftware software = link_->getSetupSoftware();
     const GnxLink::SetupHardware hardware = link_->getSetupHardware();
@@ -222,7 +262,10 @@ void Gnxctl::scriptSave(const QString& fileName)
         link_->takeRecordedCommands();
         throw;
     }
-    fromFile([&] { Com::ScriptFile::write(file, fileName, link_->takeRecordedCommands()); });
+    fromFile([&] {
+        Com::ScriptFile::write(file, fileName.isEmpty() ? QStringLiteral("-") : fileName,
+                               link_->takeRecordedCommands());
+    });
 }
 
 } // namespace OrviaGonioManager::Cli

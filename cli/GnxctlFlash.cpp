@@ -8,11 +8,13 @@
 #include "utils/FlashMemory.h"
 #include "utils/FlashRead.h"
 #include "utils/GpsFormat.h"
+#include "utils/OutputFile.h"
+
+#include <CLI/CLI.hpp>
 
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
-#include <QSaveFile>
 #include <QTimer>
 
 #include <optional>
@@ -25,17 +27,15 @@ using Utils::RxTableModel;
 
 namespace {
 
-void addOutputOptions(QCommandLineParser& p)
+void addOutputOptions(CLI::App& c)
 {
-    p.addOption({QStringLiteral("format"), QStringLiteral("csv (the RX export), jsonl or npr (default csv)."),
-                 QStringLiteral("FORMAT"), QStringLiteral("csv")});
-    p.addOption({QStringLiteral("formats"), QStringLiteral("GPS formats file, to decode payload positions."),
-                 QStringLiteral("FILE")});
+    c.add_option("--format", "csv (the RX export), jsonl or npr.")->default_str("csv")->type_name("FORMAT");
+    c.add_option("--formats", "GPS formats file, to decode payload positions.")->type_name("FILE");
 }
 
-QString outputFormat(const QCommandLineParser& p)
+QString outputFormat(const CliArgs& a)
 {
-    const QString format = p.value(QStringLiteral("format"));
+    const QString format = a.value(QStringLiteral("format"));
     if (!RxWriter::isFormat(format))
         throw CliError{EXIT_USAGE, QStringLiteral("unknown format \"%1\" (csv, jsonl or npr)").arg(format)};
     return format;
@@ -54,64 +54,49 @@ QFile& standardOutput()
 
 void Gnxctl::addFlashCommands()
 {
-    commands_ << Command{
-        QStringLiteral("flash read"),
-        QStringLiteral("gnxctl flash read [-o FILE] [--format csv|jsonl|npr] [--formats FILE]"),
-        QStringLiteral("The whole flash memory, decoded."),
-        [](QCommandLineParser& p) {
-            addOutputOptions(p);
-            p.addOption({{QStringLiteral("o"), QStringLiteral("output")},
-                         QStringLiteral("Write to FILE, completely or not at all."),
-                         QStringLiteral("FILE")});
-        },
-        [this](QCommandLineParser& p) {
-            positional(p, skipWords_, 0, {});
-            outputFormat(p);
-            loadFormats(p);
-            connectReceiver(p);
-            flashRead(p);
-        }};
-    commands_ << Command{QStringLiteral("flash erase"), QStringLiteral("gnxctl flash erase --yes"),
-                         QStringLiteral("Erases the flash memory."),
-                         [](QCommandLineParser& p) {
-                             p.addOption({QStringLiteral("yes"), QStringLiteral("Confirms the erase.")});
-                         },
-                         [this](QCommandLineParser& p) {
-                             positional(p, skipWords_, 0, {});
-                             if (!p.isSet(QStringLiteral("yes")))
-                                 throw CliError{EXIT_USAGE, QStringLiteral("flash erase needs --yes")};
-                             connectReceiver(p);
-                             flashErase(true);
-                         }};
-    commands_ << Command{QStringLiteral("monitor"),
-                         QStringLiteral("gnxctl monitor [--format csv|jsonl|npr] [--count N] [--duration S] "
-                                        "[--mqtt URL]"),
-                         QStringLiteral("Live reception until Ctrl-C; each message is flushed as it comes. "
-                                        "With --mqtt, a station that publishes to a broker."),
-                         [](QCommandLineParser& p) {
-                             addOutputOptions(p);
-                             p.addOption({QStringLiteral("count"), QStringLiteral("Stop after N messages."),
-                                          QStringLiteral("N")});
-                             p.addOption({QStringLiteral("duration"), QStringLiteral("Stop after S seconds."),
-                                          QStringLiteral("S")});
-                             addStationOptions(p);
-                         },
-                         [this](QCommandLineParser& p) {
-                             positional(p, skipWords_, 0, {});
-                             outputFormat(p);
-                             loadFormats(p);
-                             if (p.isSet(QStringLiteral("mqtt"))) {
-                                 monitorMqtt(p);
-                                 return;
-                             }
-                             connectReceiver(p);
-                             monitor(p);
-                         }};
+    CLI::App& read = command(QStringLiteral("flash read"), QStringLiteral("The whole flash memory, decoded."),
+                             [this](const CliArgs& a) {
+                                 outputFormat(a);
+                                 loadFormats(a);
+                                 connectReceiver(a);
+                                 flashRead(a);
+                             });
+    addOutputOptions(read);
+    read.add_option("-o,--output",
+                    "Write to FILE, completely or not at all (a device or a FIFO is written in place; "
+                    "\"-\" or none: standard output).")
+        ->type_name("FILE");
+    command(QStringLiteral("flash erase"), QStringLiteral("Erases the flash memory."),
+            [this](const CliArgs& a) {
+                if (!a.isSet(QStringLiteral("yes")))
+                    throw CliError{EXIT_USAGE, QStringLiteral("flash erase needs --yes")};
+                connectReceiver(a);
+                flashErase(true);
+            })
+        .add_flag("--yes", "Confirms the erase.");
+    CLI::App& monitor = command(
+        QStringLiteral("monitor"),
+        QStringLiteral("Live reception until Ctrl-C; each message is flushed as it comes. With --mqtt, "
+                       "a station that publishes to a broker."),
+        [this](const CliArgs& a) {
+            outputFormat(a);
+            loadFormats(a);
+            if (a.isSet(QStringLiteral("mqtt"))) {
+                monitorMqtt(a);
+                return;
+            }
+            connectReceiver(a);
+            this->monitor(a);
+        });
+    addOutputOptions(monitor);
+    monitor.add_option("--count", "Stop after N messages.")->type_name("N");
+    monitor.add_option("--duration", "Stop after S seconds.")->type_name("S");
+    addStationOptions(monitor);
 }
 
-void Gnxctl::loadFormats(const QCommandLineParser& parser)
+void Gnxctl::loadFormats(const CliArgs& a)
 {
-    const QString path = parser.value(QStringLiteral("formats"));
+    const QString path = a.value(QStringLiteral("formats"));
     if (path.isEmpty())
         return;
     try {
@@ -138,8 +123,15 @@ std::map<int, QString> Gnxctl::loadFavourites()
     return usedSlots;
 }
 
-void Gnxctl::flashRead(const QCommandLineParser& parser)
+void Gnxctl::flashRead(const CliArgs& a)
 {
+    // Opened first, so that a wrong path fails before a long read.
+    const QString path = a.value(QStringLiteral("output"));
+    const bool toStdout = path.isEmpty() || path == QLatin1String("-");
+    Utils::OutputFile file(path);
+    if (!toStdout && !file.open(QIODevice::WriteOnly))
+        throw CliError{EXIT_USAGE,
+                       QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
     const std::map<int, QString> usedSlots = loadFavourites();
     const GnxLink::CoordType_t coordType = link_->getSetupSoftware().coordType;
 
@@ -149,7 +141,7 @@ void Gnxctl::flashRead(const QCommandLineParser& parser)
         [&](const Com::OrviaRxMessage_t& m, GnxLink::RxOrigin_t origin) {
             batch.push_back(rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber()));
         });
-    ProgressPrinter progress(job_, stderr);
+    ProgressPrinter progress(job_, quiet_ ? nullptr : stderr);
     std::exception_ptr failure;
     try {
         Utils::readWholeFlash(*link_, job_, usedSlots);
@@ -164,22 +156,19 @@ void Gnxctl::flashRead(const QCommandLineParser& parser)
     table.addRows(std::move(batch));
     table.sort(RxTableModel::COL_TIME, Qt::DescendingOrder);
 
-    const QString path = parser.value(QStringLiteral("output"));
-    QSaveFile file(path);
     // A read that failed part-way writes what it read to standard output, never a partial file.
-    if (!path.isEmpty() && !failure && !file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        throw CliError{EXIT_USAGE, QStringLiteral("Unable to open output file %1").arg(path)};
-    QIODevice& out = path.isEmpty() || failure ? static_cast<QIODevice&>(standardOutput()) : file;
-    RxWriter writer(out, outputFormat(parser), *link_, coordType);
+    QIODevice& out = toStdout || failure ? static_cast<QIODevice&>(standardOutput()) : *file.device();
+    RxWriter writer(out, outputFormat(a), *link_, coordType);
     bool writing = writer.begin();
     for (int row = 0; writing && row < table.allRowCount(); ++row)
         writing = writer.write(table.rowAt(row));
-    if (!writing && path.isEmpty() && !failure)
+    if (!writing && toStdout && !failure)
         return; // the reader went away: a quiet end
     if (failure)
         std::rethrow_exception(failure);
-    if (!path.isEmpty() && (!writing || !file.commit()))
-        throw CliError{EXIT_USAGE, QStringLiteral("Unable to write output file %1").arg(path)};
+    if (!toStdout && (!writing || !file.commit()))
+        throw CliError{EXIT_USAGE,
+                       QStringLiteral("Unable to write output file %1: %2").arg(path, file.errorString())};
 }
 
 void Gnxctl::flashErase(bool)
@@ -193,20 +182,19 @@ void Gnxctl::flashErase(bool)
             link_->deletePlatformFlashMemory(i);
 }
 
-void Gnxctl::monitor(const QCommandLineParser& parser)
+void Gnxctl::monitor(const CliArgs& a)
 {
     bool ok = true;
     const qint64 count =
-        parser.isSet(QStringLiteral("count")) ? parser.value(QStringLiteral("count")).toLongLong(&ok) : -1;
+        a.isSet(QStringLiteral("count")) ? a.value(QStringLiteral("count")).toLongLong(&ok) : -1;
     if (!ok || count == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--count takes a positive number")};
-    const double duration = parser.isSet(QStringLiteral("duration"))
-                                ? parser.value(QStringLiteral("duration")).toDouble(&ok)
-                                : -1;
+    const double duration =
+        a.isSet(QStringLiteral("duration")) ? a.value(QStringLiteral("duration")).toDouble(&ok) : -1;
     if (!ok || duration == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--duration takes a positive number of seconds")};
     loadFavourites();
-    RxWriter writer(standardOutput(), outputFormat(parser), *link_, link_->getSetupSoftware().coordType);
+    RxWriter writer(standardOutput(), outputFormat(a), *link_, link_->getSetupSoftware().coordType);
 
     QEventLoop loop;
     std::optional<CliError> failure;

@@ -7,6 +7,8 @@
 #include "stream/MqttUrl.h"
 #include "utils/RxJson.h"
 
+#include <CLI/CLI.hpp>
+
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -25,17 +27,9 @@ namespace {
 
 constexpr int kReceiverRetryMs = 2000;
 
-QString defaultSpool()
-{
-    QString state = qEnvironmentVariable("XDG_STATE_HOME");
-    if (state.isEmpty())
-        state = QDir::homePath() + QStringLiteral("/.local/state");
-    return state + QStringLiteral("/gnxctl");
-}
-
 // From --mqtt-auth (the user, then the password, one a line) or the environment; never from the
 // command line, where every user of the machine could read them.
-void readCredentials(const QCommandLineParser& p, Stream::MqttClient::Options& o)
+void readCredentials(const CliArgs& p, Stream::MqttClient::Options& o)
 {
     const QString path = p.value(QStringLiteral("mqtt-auth"));
     if (path.isEmpty()) {
@@ -53,7 +47,7 @@ void readCredentials(const QCommandLineParser& p, Stream::MqttClient::Options& o
         throw CliError{EXIT_USAGE, QStringLiteral("%1, line 1: no user name").arg(path)};
 }
 
-MqttStation::Options stationOptions(const QCommandLineParser& p)
+MqttStation::Options stationOptions(const CliArgs& p)
 {
     MqttStation::Options o;
     try {
@@ -70,7 +64,8 @@ MqttStation::Options stationOptions(const QCommandLineParser& p)
                                                    : qEnvironmentVariable("GNXCTL_STATION");
     if (o.station.isEmpty())
         o.station = QSysInfo::machineHostName();
-    o.spoolDir = p.isSet(QStringLiteral("spool")) ? p.value(QStringLiteral("spool")) : defaultSpool();
+    o.spoolDir =
+        p.isSet(QStringLiteral("spool")) ? p.value(QStringLiteral("spool")) : Gnxctl::stateDirectory();
     bool ok = true;
     const double mb =
         p.isSet(QStringLiteral("spool-max")) ? p.value(QStringLiteral("spool-max")).toDouble(&ok) : 512;
@@ -82,46 +77,44 @@ MqttStation::Options stationOptions(const QCommandLineParser& p)
 
 } // namespace
 
-void Gnxctl::addStationOptions(QCommandLineParser& p)
+QString Gnxctl::stateDirectory()
 {
-    p.addOptions({
-        {QStringLiteral("mqtt"),
-         QStringLiteral("Publish to the broker at URL: mqtt://host[:port]/prefix, or mqtts:// for TLS."),
-         QStringLiteral("URL")},
-        {QStringLiteral("mqtt-auth"),
-         QStringLiteral("The broker's user name and password, one a line (else GNXCTL_MQTT_USER and "
-                        "GNXCTL_MQTT_PASSWORD)."),
-         QStringLiteral("FILE")},
-        {QStringLiteral("mqtt-ca"), QStringLiteral("CA certificates for mqtts:// (the system's without it)."),
-         QStringLiteral("FILE")},
-        {QStringLiteral("mqtt-insecure"), QStringLiteral("Do not check the broker's TLS certificate.")},
-        {QStringLiteral("station"),
-         QStringLiteral("The station's name in each message (else GNXCTL_STATION, else the host name)."),
-         QStringLiteral("NAME")},
-        {QStringLiteral("spool"),
-         QStringLiteral("Where messages wait for the broker (default $XDG_STATE_HOME/gnxctl)."),
-         QStringLiteral("DIR")},
-        {QStringLiteral("spool-max"), QStringLiteral("The spool's bound in MB (default 512)."),
-         QStringLiteral("MB")},
-        {QStringLiteral("serial"), QStringLiteral("The receiver with this serial number, as info shows it."),
-         QStringLiteral("SERIAL")},
-    });
+    QString state = qEnvironmentVariable("XDG_STATE_HOME");
+    if (state.isEmpty())
+        state = QDir::homePath() + QStringLiteral("/.local/state");
+    return state + QStringLiteral("/gnxctl");
 }
 
-void Gnxctl::monitorMqtt(const QCommandLineParser& parser)
+void Gnxctl::addStationOptions(CLI::App& c)
 {
-    const MqttStation::Options options = stationOptions(parser);
+    c.add_option("--mqtt", "Publish to the broker at URL: mqtt://host[:port]/prefix, or mqtts:// for TLS.")
+        ->type_name("URL");
+    c.add_option("--mqtt-auth", "The broker's user name and password, one a line (else GNXCTL_MQTT_USER and "
+                                "GNXCTL_MQTT_PASSWORD).")
+        ->type_name("FILE");
+    c.add_option("--mqtt-ca", "CA certificates for mqtts:// (the system's without it).")->type_name("FILE");
+    c.add_flag("--mqtt-insecure", "Do not check the broker's TLS certificate.");
+    c.add_option("--station", "The station's name in each message (else GNXCTL_STATION, else the host name).")
+        ->type_name("NAME");
+    c.add_option("--spool", "Where messages wait for the broker (default $XDG_STATE_HOME/gnxctl).")
+        ->type_name("DIR");
+    c.add_option("--spool-max", "The spool's bound in MB (default 512).")->type_name("MB");
+    c.add_option("--serial", "The receiver with this serial number, as info shows it.")->type_name("SERIAL");
+}
+
+void Gnxctl::monitorMqtt(const CliArgs& a)
+{
+    const MqttStation::Options options = stationOptions(a);
     bool ok = true;
     const qint64 count =
-        parser.isSet(QStringLiteral("count")) ? parser.value(QStringLiteral("count")).toLongLong(&ok) : -1;
+        a.isSet(QStringLiteral("count")) ? a.value(QStringLiteral("count")).toLongLong(&ok) : -1;
     if (!ok || count == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--count takes a positive number")};
-    const double duration = parser.isSet(QStringLiteral("duration"))
-                                ? parser.value(QStringLiteral("duration")).toDouble(&ok)
-                                : -1;
+    const double duration =
+        a.isSet(QStringLiteral("duration")) ? a.value(QStringLiteral("duration")).toDouble(&ok) : -1;
     if (!ok || duration == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--duration takes a positive number of seconds")};
-    connectReceiver(parser);
+    connectReceiver(a);
     const QString serial = serialOf(device_);
     const QString boot =
         QString::number(QRandomGenerator::system()->generate64(), 16).rightJustified(16, QLatin1Char('0'));
@@ -162,7 +155,7 @@ void Gnxctl::monitorMqtt(const QCommandLineParser& parser)
         station.receiverOnline(identification(device_));
     };
     QObject::connect(&retry, &QTimer::timeout, &loop, [&] {
-        const QString port = parser.value(QStringLiteral("port"));
+        const QString port = a.value(QStringLiteral("port"));
         if (!findReceiver(port.isEmpty() ? foundPorts() : QStringList{port}, serial))
             return;
         retry.stop();

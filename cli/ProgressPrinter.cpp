@@ -9,7 +9,7 @@
 namespace OrviaGonioManager::Cli {
 
 ProgressPrinter::ProgressPrinter(Utils::JobProgress& job, FILE* stream, QObject* parent)
-    : QObject(parent), job_(job), stream_(stream), terminal_(::isatty(fileno(stream)) != 0)
+    : QObject(parent), job_(job), stream_(stream), terminal_(stream && ::isatty(fileno(stream)) != 0)
 {
     connect(&job, &Utils::JobProgress::sigStarted, this, [this] {
         lastTenth_ = -1;
@@ -24,6 +24,8 @@ ProgressPrinter::ProgressPrinter(Utils::JobProgress& job, FILE* stream, QObject*
 
 void ProgressPrinter::show(qint64 done, qint64 total)
 {
+    if (!stream_)
+        return; // quiet
     const int tenth = total > 0 ? int(done * 10 / total) : 0;
     if (!terminal_ && tenth == lastTenth_)
         return;

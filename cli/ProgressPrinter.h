@@ -12,7 +12,8 @@ class JobProgress;
 namespace OrviaGonioManager::Cli {
 
 // A job's progress on standard error: a bar redrawn in place on a terminal, plain lines (one a
-// tenth of the way) otherwise. Each shows what is done, the rate and the time left.
+// tenth of the way) otherwise. Each shows what is done, the rate and the time left. No stream:
+// nothing shown.
 class ProgressPrinter : public QObject
 {
     Q_OBJECT

@@ -7,9 +7,12 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QRegularExpression>
 #include <QSerialPortInfo>
 #include <QThread>
+#include <QTimer>
 
+#include <optional>
 #include <utility>
 
 namespace OrviaGonioManager::Com {
@@ -254,6 +257,8 @@ void GnxLink::slotReplyReceived(QStringList replyValues, bool isError)
         requestResult_ = 0;
         replyValues_ = replyValues;
     }
+    if (!requestPending_)
+        emit sigUnexpectedReply(replyValues, isError);
     requestPending_ = false;
 }
 
@@ -306,6 +311,55 @@ void GnxLink::sendManualCommand(const QString& userCmd)
         sendBlockingRequest(command.cmd, command.params);
     else
         emit sigSendManualGnxCmd(command.line);
+}
+
+QStringList GnxLink::exchangeManualCommand(const QString& userCmd)
+{
+    const GnxFrame::ManualCommand command = GnxFrame::parseManualCommand(userCmd);
+    if (command.request || recording_) {
+        sendManualCommand(userCmd);
+        return replyValues_;
+    }
+    std::optional<QPair<QStringList, bool>> answer;
+    const QMetaObject::Connection taken =
+        connect(this, &GnxLink::sigUnexpectedReply, this, [&](const QStringList& values, bool isError) {
+            if (!answer)
+                answer.emplace(values, isError);
+        });
+    bool late = false;
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    connect(&deadline, &QTimer::timeout, this, [&] { late = true; });
+    sendManualCommand(userCmd);
+    deadline.start(Utils::Settings::instance().gnxCommandTimeoutMs);
+    while (!answer && !late && isUsable())
+        pumpEvents();
+    disconnect(taken);
+    if (!answer)
+        fail(isUsable() ? QStringLiteral("No answer to \"%1\"").arg(userCmd)
+                        : QStringLiteral("Link Error: %1").arg(errorMessage_));
+    QStringList values = answer->first;
+    bool refused = answer->second;
+    QString answered = values.join(QLatin1Char(','));
+    // The link knows no reply to a line it did not frame: one under the line's own mnemonic is its answer.
+    static const QRegularExpression unknown(QStringLiteral("^Unknown GNX message type in \"(.*)\"\\.$"));
+    if (const QRegularExpressionMatch m = unknown.match(values.value(0)); refused && m.hasMatch()) {
+        answered = m.captured(1);
+        const GnxFrame::DecodedLine reply = GnxFrame::decodeLine(answered);
+        const QString sent = command.line.mid(command.line.startsWith(QLatin1Char('$')) ? 1 : 0)
+                                 .section(QLatin1Char('*'), 0, 0)
+                                 .section(QLatin1Char(','), 0, 0);
+        if (reply.accepted() && reply.mnemonic == sent) {
+            values = QStringList{reply.mnemonic} + reply.params;
+            refused = false;
+        }
+    }
+    if (!command.warnings.isEmpty())
+        fail(QStringLiteral("%1; the line went out as typed and the receiver answered %2")
+                 .arg(command.warnings.join(QStringLiteral("; ")), answered));
+    if (refused)
+        fail(QStringLiteral("The receiver refused \"%1\": it answered %2").arg(userCmd, answered));
+    return values;
 }
 
 // --- flash memory --------------------------------------------------------------------------

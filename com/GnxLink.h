@@ -275,6 +275,11 @@ public:
     void sendRequestAndCheck(GnxCmd_t gnxCmd, int paramsCount, const QStringList& params = {},
                              QList<int> acceptedCounts = {});
     void sendManualCommand(const QString& userCmd);
+    // A typed line with an outcome a script can trust: a command of the engine as above; any other
+    // line sent as typed and its answer, the first reply that completes no request, awaited. Throws
+    // when the receiver refuses the line, when it carries a wrong checksum (it still goes out, as
+    // typed) or when nothing answers in time. Returns the reply's values, mnemonic first.
+    QStringList exchangeManualCommand(const QString& userCmd);
     QStringList replyValues() const { return replyValues_; }
     QByteArray binaryData() const { return binaryData_; }
 
@@ -322,6 +327,8 @@ signals:
     void sigCloseConnection();
 
     void sigLinkCompromised(QString portName, QString message);
+    // A reply or an error that completed no request: the answer to a typed line sent unframed.
+    void sigUnexpectedReply(QStringList replyValues, bool isError);
     void sigOrviaMessageReceived(OrviaGonioManager::Com::OrviaRxMessage_t orviaRxMessage,
                                  OrviaGonioManager::Com::GnxLink::RxOrigin_t rxOrigin);
     // Whole flash memory read: bytes read so far of those CMD_IFP announced; first (0, total).

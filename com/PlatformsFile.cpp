@@ -15,14 +15,24 @@ QString header(GnxLink::GnxVersion_t version)
 
 QStringList readLines(const QString& fileName)
 {
+    QStringList lines;
+    for (const NumberedLine& line : readNumberedLines(fileName))
+        lines << line.text;
+    return lines;
+}
+
+QList<NumberedLine> readNumberedLines(const QString& fileName)
+{
     QFile file(fileName);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
         throw MRL::Utils::Exception(QStringLiteral("Unable to open platforms file %1").arg(fileName), 2);
-    QStringList lines;
+    QList<NumberedLine> lines;
+    int number = 0;
     for (QTextStream in(&file); !in.atEnd();) {
         const QString line = in.readLine();
+        ++number;
         if (!line.isEmpty() && !line.startsWith(QLatin1Char('#')))
-            lines << line;
+            lines.append({number, line});
     }
     return lines;
 }

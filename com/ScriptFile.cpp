@@ -27,16 +27,16 @@ int commandCount(const QStringList& lines)
                              [](const QString& line) { return line.startsWith(QLatin1Char('$')); }));
 }
 
-void open(QSaveFile& file, const QString& fileName)
+void open(Utils::OutputFile& file, const QString& fileName)
 {
     file.setFileName(fileName);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
         throw MRL::Utils::Exception(QStringLiteral("Unable to open GNX script file %1").arg(fileName), 2);
 }
 
-void write(QSaveFile& file, const QString& fileName, const QStringList& frames)
+void write(Utils::OutputFile& file, const QString& fileName, const QStringList& frames)
 {
-    QTextStream out(&file);
+    QTextStream out(file.device());
     for (const QString& frame : frames)
         out << frame << '\n';
     out.flush();

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "com/GnxLink.h"
+#include "utils/OutputFile.h"
 
-#include <QSaveFile>
 #include <QString>
 #include <QStringList>
 
@@ -18,8 +18,8 @@ QStringList readLines(const QString& fileName);
 // The lines that playback sends.
 int commandCount(const QStringList& lines);
 // Opened before anything is recorded, so that an unwritable file fails first.
-void open(QSaveFile& file, const QString& fileName);
-void write(QSaveFile& file, const QString& fileName, const QStringList& frames);
+void open(Utils::OutputFile& file, const QString& fileName);
+void write(Utils::OutputFile& file, const QString& fileName, const QStringList& frames);
 
 // Sends each command line in turn. A line the device answers wrongly goes to lineFailed (with
 // the file and line named) and playback goes on; once the link itself fails, that failure is

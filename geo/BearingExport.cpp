@@ -2,12 +2,12 @@
 
 #include "geo/Circular.h"
 #include "mrl/utils/Exception.h"
+#include "utils/OutputFile.h"
 
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <QXmlStreamWriter>
 
 #include <QtMath>
@@ -261,8 +261,8 @@ QByteArray gpx(const BearingSet& set)
 
 void save(const QString& fileName, const QByteArray& data)
 {
-    QSaveFile file(fileName);
-    if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size() || !file.commit())
+    Utils::OutputFile file(fileName);
+    if (!file.open() || file.device()->write(data) != data.size() || !file.commit())
         throw MRL::Utils::Exception(
             QStringLiteral("Unable to write %1: %2").arg(fileName, file.errorString()), 2);
 }

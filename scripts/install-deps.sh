@@ -12,6 +12,7 @@ packages=(
     dpkg-dev fakeroot lintian desktop-file-utils appstream
     libmosquitto-dev mosquitto mosquitto-clients
     libgeographiclib-dev gdal-bin
+    libcli11-dev
 )
 
 missing=()

@@ -15,6 +15,7 @@ QString ControlConsole::help()
         "  live MS              live reports every MS milliseconds (0 = off)\n"
         "  mode app|bl          switch the receiver's mode\n"
         "  stall on|off         keep reading but never answer\n"
+        "  refuse SLOT|off      refuse IP writes and clears of that favourite slot\n"
         "  unplug | replug      close the pty / open a new one (the link follows)\n"
         "  quirk on|off         GNX134 short checksum on NPR lines\n"
         "  raw PAYLOAD          write a framed unsolicited line\n"
@@ -87,6 +88,18 @@ QString ControlConsole::execute(const QString& line, bool* quit)
     }
     if (command == QLatin1String("stall") && args.size() == 1 && onOff(args[0], &flag)) {
         m_sim.setStalled(flag);
+        return ok;
+    }
+    if (command == QLatin1String("refuse") && args.size() == 1) {
+        if (args[0] == QLatin1String("off")) {
+            m_sim.setRefusedSlot(-1);
+            return ok;
+        }
+        bool valid = false;
+        const int slot = args[0].toInt(&valid);
+        if (!valid || slot < 0 || slot >= platformSlots(m_sim.options().model))
+            return error(QStringLiteral("bad slot index"));
+        m_sim.setRefusedSlot(slot);
         return ok;
     }
     if (command == QLatin1String("quirk") && args.size() == 1 && onOff(args[0], &flag)) {

@@ -59,6 +59,10 @@ public:
     void setClock(const QDateTime& utc);
     void setStalled(bool stalled) { m_stalled = stalled; }
     bool isStalled() const { return m_stalled; }
+    // IP writes and clears of this slot are refused (ACK,0) and change nothing; reads still
+    // answer. -1: no slot refused.
+    void setRefusedSlot(int index) { m_refusedSlot = index; }
+    int refusedSlot() const { return m_refusedSlot; }
 
     // Snapshots, in wire order.
     QStringList receivedLines() const { return m_received; }
@@ -150,6 +154,7 @@ private:
     qint64 m_nextLiveAtMs = -1;
     bool m_quirk = false;
     bool m_stalled = false;
+    int m_refusedSlot = -1;
 
     QByteArray m_inBuffer;
     QList<OutUnit> m_out;

@@ -261,6 +261,10 @@ void Device::cmdIp(const QStringList& p)
         reply(QStringLiteral("IP"), m_slots[i].isEmpty() ? freeSlotParams(i) : m_slots[i]);
         return;
     }
+    if (i == m_refusedSlot) {
+        ack(false);
+        return;
+    }
     if (p[1] == QLatin1String("0") && allEmpty(p, 2)) { // clear: delete, or prepare a re-creation
         if (!m_slots[i].isEmpty())
             clearSlotFlash(i, m_slots[i][3]);

@@ -148,6 +148,11 @@ void PtySimulator::setStalled(bool stalled)
     d->withDevice([&](Device& dev) { dev.setStalled(stalled); });
 }
 
+void PtySimulator::setRefusedSlot(int index)
+{
+    d->withDevice([&](Device& dev) { dev.setRefusedSlot(index); });
+}
+
 void PtySimulator::unplug()
 {
     if (d->transport)

@@ -30,8 +30,10 @@ public:
     void clearReceived();
 
     void setStalled(bool stalled); // keeps reading, never answers, no live reports
-    void unplug();                 // closes the pty (and removes the link)
-    void replug();                 // opens a new pty (and repoints the link)
+    // IP writes and clears of this slot are refused (ACK,0), the slot unchanged; -1 = none.
+    void setRefusedSlot(int index);
+    void unplug(); // closes the pty (and removes the link)
+    void replug(); // opens a new pty (and repoints the link)
     bool isPlugged() const;
 
     // One-shot: the next command with this mnemonic is not executed but answered with these

@@ -3,6 +3,7 @@
 #include "BuildInfo.h"
 #include "app/Settings.h"
 #include "com/ComManager.h"
+#include "com/EnumTexts.h"
 #include "mrl/ui/Help.h"
 #include "mrl/ui/UiLogger.h"
 #include "ui/JobPanel.h"
@@ -13,7 +14,6 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QMetaEnum>
 #include <QProgressBar>
 #include <QToolBar>
 
@@ -26,19 +26,6 @@ static void initResources()
 namespace OrviaGonioManager::Ui {
 
 using Com::GnxLink;
-
-namespace {
-
-// Fills a combo box from an enumeration's keys with their prefix removed.
-template <typename Enum> void fillFromEnum(QComboBox* combo, const QString& prefix)
-{
-    const QMetaEnum meta = QMetaEnum::fromType<Enum>();
-    combo->clear();
-    for (int i = 0; i < meta.keyCount(); ++i)
-        combo->addItem(QString::fromLatin1(meta.key(i)).mid(prefix.size()));
-}
-
-} // namespace
 
 MainWindow::MainWindow(QWidget* parent)
     : MRL::Ui::MainWindow(parent), ui_(std::make_unique<::Ui::MainWindow>())
@@ -99,28 +86,18 @@ MainWindow::~MainWindow()
 
 void MainWindow::fillComboBoxes()
 {
-    fillFromEnum<GnxLink::OrviaModulation_t>(ui_->comboBoxPlatformsModulation,
-                                             QStringLiteral("ORVIAMODULATION_"));
-    fillFromEnum<GnxLink::DirectionMode_t>(ui_->comboBoxHardwareDirectionMode,
-                                           QStringLiteral("DIRECTIONMODE_"));
-    fillFromEnum<GnxLink::AntennaPosition_t>(ui_->comboBoxHardwareAntennaPosition,
-                                             QStringLiteral("ANTENNAPOSITION_"));
-    fillFromEnum<GnxLink::AntennaType_t>(ui_->comboBoxHardwareAntennaMode, QStringLiteral("ANTENNATYPE_"));
-    fillFromEnum<GnxLink::CompassMode_t>(ui_->comboBoxHardwareCompassMode, QStringLiteral("COMPASSMODE_"));
+    using Com::EnumTexts::texts;
+    ui_->comboBoxPlatformsModulation->addItems(texts<GnxLink::OrviaModulation_t>());
+    ui_->comboBoxHardwareDirectionMode->addItems(texts<GnxLink::DirectionMode_t>());
+    ui_->comboBoxHardwareAntennaPosition->addItems(texts<GnxLink::AntennaPosition_t>());
+    ui_->comboBoxHardwareAntennaMode->addItems(texts<GnxLink::AntennaType_t>());
+    ui_->comboBoxHardwareCompassMode->addItems(texts<GnxLink::CompassMode_t>());
     ui_->comboBoxGpsFormatsEncryptionType->addItems(
         {QStringLiteral("NONE"), QStringLiteral("1"), QStringLiteral("2")});
-    ui_->comboBoxSetupSoftwareDistType->addItems(
-        {QStringLiteral("km"), QStringLiteral("miles"), QStringLiteral("nautical miles")});
-    ui_->comboBoxSetupSoftwareCoordType->addItems(
-        {QString::fromUtf8("xx.xxx°"), QString::fromUtf8("xx°xx.xx'"), QString::fromUtf8("xx°xx'xx\"")});
-    const QMetaEnum bands = QMetaEnum::fromType<GnxLink::OrviaBand_t>();
-    for (int i = 0; i < bands.keyCount(); ++i) {
-        const auto band = GnxLink::OrviaBand_t(bands.value(i));
-        const QString text =
-            band == GnxLink::ORVIABAND_INVALID ? QStringLiteral("INVALID") : GnxLink::bandDescription(band);
-        ui_->comboBoxSetupSoftwareOrviaBand->addItem(text);
-        ui_->comboBoxPlatformsOrviaBand->addItem(text);
-    }
+    ui_->comboBoxSetupSoftwareDistType->addItems(texts<GnxLink::DistType_t>());
+    ui_->comboBoxSetupSoftwareCoordType->addItems(texts<GnxLink::CoordType_t>());
+    ui_->comboBoxSetupSoftwareOrviaBand->addItems(texts<GnxLink::OrviaBand_t>());
+    ui_->comboBoxPlatformsOrviaBand->addItems(texts<GnxLink::OrviaBand_t>());
 }
 
 void MainWindow::setTableHeaders()

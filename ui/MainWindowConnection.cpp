@@ -2,6 +2,7 @@
 #include "ui/MainWindow.h"
 
 #include "com/ComManager.h"
+#include "com/EnumTexts.h"
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
@@ -299,8 +300,7 @@ void MainWindow::refreshStatus()
     ui_->lineEditStatusCompassDirection->setText(QString::number(d.direction));
     ui_->lineEditStatusTemperature->setText(QString::fromUtf8("%1°C").arg(d.temperature));
     ui_->lineEditStatusVoltage->setText(QString::number(d.voltage));
-    ui_->lineEditStatusOrviaBand->setText(
-        d.band == GnxLink::ORVIABAND_INVALID ? QStringLiteral("INVALID") : GnxLink::bandDescription(d.band));
+    ui_->lineEditStatusOrviaBand->setText(Com::EnumTexts::text(d.band));
     updateBearingsApply();
 }
 

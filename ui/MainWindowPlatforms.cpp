@@ -9,9 +9,9 @@
 #include "ui_MainWindow.h"
 #include "utils/GpsFormat.h"
 #include "utils/JobProgress.h"
+#include "utils/OutputFile.h"
 
 #include <QFile>
-#include <QSaveFile>
 #include <QSignalBlocker>
 #include <QTextStream>
 
@@ -236,13 +236,13 @@ void MainWindow::slotExportPlatformsInfo()
             MRL::Ui::Dialogs::instance().getSaveFileName(this, kPlatformsFileTitle, kPlatformsFileFilter);
         if (fileName.isEmpty())
             return;
-        QSaveFile file(fileName);
+        Utils::OutputFile file(fileName);
         if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
             throw MRL::Utils::Exception(QStringLiteral("Unable to open platforms file %1").arg(fileName), 2);
         const GnxLink::GnxVersion_t version = gnxLink_->version();
         QTableWidget* table = ui_->tableWidgetPlatforms;
         sortBySlot(table);
-        QTextStream out(&file);
+        QTextStream out(file.device());
         out << Com::PlatformsFile::header(version) << '\n';
         for (int row = 0; row < table->rowCount(); ++row)
             out << csvLine(table, row, version) << '\n';

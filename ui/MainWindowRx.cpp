@@ -9,10 +9,10 @@
 #include "utils/FlashMemory.h"
 #include "utils/FlashRead.h"
 #include "utils/JobProgress.h"
+#include "utils/OutputFile.h"
 
 #include <QDebug>
 #include <QHeaderView>
-#include <QSaveFile>
 #include <QStringConverter>
 #include <QTableView>
 #include <QTextStream>
@@ -117,15 +117,15 @@ void MainWindow::slotExportRxTable()
             QStringLiteral("RX Files (*.csv *.txt);;All files (*)"));
         if (fileName.isEmpty())
             return;
-        QSaveFile file(fileName);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Truncate))
+        Utils::OutputFile file(fileName);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
             throw MRL::Utils::Exception(QStringLiteral("Unable to open RX file %1").arg(fileName), 2);
         // With any cell selected, the rows whose first cell is.
         const QItemSelectionModel* selection = ui_->tableViewRx->selectionModel();
         const bool selectionOnly = selection->hasSelection();
         const QStringList lines = rxModel_->exportLines(
             [&](int row) { return !selectionOnly || selection->isSelected(rxModel_->index(row, 0)); });
-        QTextStream out(&file);
+        QTextStream out(file.device());
         out.setEncoding(QStringConverter::Latin1);
         for (const QString& line : lines)
             out << line << '\n';

@@ -6,8 +6,8 @@
 #include "mrl/utils/Exception.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
+#include "utils/OutputFile.h"
 
-#include <QSaveFile>
 #include <QSignalBlocker>
 
 namespace OrviaGonioManager::Ui {
@@ -72,7 +72,7 @@ void MainWindow::slotTerminalSaveScript()
             MRL::Ui::Dialogs::instance().getSaveFileName(this, scriptCaption, scriptFilter);
         if (fileName.isEmpty())
             return;
-        QSaveFile file;
+        Utils::OutputFile file;
         Com::ScriptFile::open(file, fileName);
 
         QStringList frames;

@@ -1,10 +1,10 @@
 #include "utils/GpsFormat.h"
 
 #include "mrl/utils/Exception.h"
+#include "utils/OutputFile.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QStringList>
 #include <QTextStream>
 #include <QtDebug>
@@ -128,14 +128,12 @@ QByteArray GpsFormat::gpsFormatsText() const
 void GpsFormat::writeGpsFormatsFile(const QString& path) const
 {
     const QString absolute = absolutePath(path);
-    // Written aside and renamed over the old file: a failure never leaves half a file behind.
-    QSaveFile file(absolute);
-    // Unbuffered: a short write on a full disk is seen here, not lost in a buffer that commit()
-    // would then report as written.
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+    // A failure never leaves half a file behind.
+    OutputFile file(absolute);
+    if (!file.open())
         throw MRL::Utils::Exception(QStringLiteral("Unable to open GPS formats file %1").arg(absolute), 2);
     const QByteArray text = gpsFormatsText();
-    if (file.write(text) != text.size() || !file.commit())
+    if (file.device()->write(text) != text.size() || !file.commit())
         throw MRL::Utils::Exception(QStringLiteral("Unable to write GPS formats file %1").arg(absolute), 2);
 }
 

@@ -14,6 +14,8 @@
 #include <functional>
 #include <memory>
 
+#include <sys/stat.h>
+
 namespace {
 
 struct Run
@@ -46,10 +48,12 @@ class TestGnxctl : public QObject
 private:
     QTemporaryDir dir_;
     std::unique_ptr<gnxsim::PtySimulator> sim_;
+    QStringList slots_; // the favourites before the command
 
     QString port() const { return dir_.filePath("gnx"); }
 
-    bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40)
+    bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40,
+                  int baud = 0)
     {
         gnxsim::Options o;
         o.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
@@ -59,6 +63,7 @@ private:
         o.liveIntervalMs = liveMs;
         o.linkPath = port();
         o.seed = 7;
+        o.baud = baud;
         sim_ = std::make_unique<gnxsim::PtySimulator>(o);
         return sim_->start();
     }
@@ -116,13 +121,20 @@ private:
             if (o["model"].toString() != modelName ||
                 o["mode"].toString() != (what == "bootloader" ? "bl" : "app"))
                 return r.out;
-        } else if (what == "clock" || what == "synced") {
-            const QDateTime shown = QDateTime::fromString(QString(r.out).trimmed(), Qt::ISODate);
-            // The receiver's clock is set and read to the minute.
-            const QDateTime expected = what == "clock" ? sim_->clock() : QDateTime::currentDateTimeUtc();
-            if (!shown.isValid() || qAbs(shown.secsTo(expected)) > 65 ||
-                qAbs(sim_->clock().secsTo(expected)) > 65)
-                return r.out;
+        } else if (what == "clock" || what == "synced" || what == "synced now") {
+            // Shown to the minute the receiver keeps, never with invented seconds.
+            const QDateTime shown = QDateTime::fromString(QString(r.out).trimmed(), "yyyy-MM-ddTHH:mmZ");
+            const QDateTime now = QDateTime::currentDateTimeUtc();
+            const QDateTime clock = sim_->clock();
+            const QDateTime expected = what == "clock" ? clock : now;
+            if (!shown.isValid() || shown.toString("HH:mm") != expected.toString("HH:mm"))
+                return "shown " + r.out + " for " + expected.toString(Qt::ISODate);
+            // Set at the minute's boundary, the receiver keeps the computer's time to the second;
+            // --now leaves it behind by the seconds already past, and says so.
+            if (what == "synced" && qAbs(clock.secsTo(now)) > 1)
+                return QString("the receiver's clock is %1 s off").arg(clock.secsTo(now));
+            if (what == "synced now" && clock.time().second() > 1 && !r.err.contains("s behind"))
+                return r.err;
         } else if (what == "reply") {
             if (!r.out.startsWith(modelName.toLatin1() + ','))
                 return r.out;
@@ -181,8 +193,17 @@ private:
         } else if (what == "to bootloader") {
             if (sim_->mode() != gnxsim::Mode::Bl)
                 return "still in the application";
-        } else if (what == "wrong number of columns" && sim_->platformSlot(0).isEmpty()) {
-            return "the favourites were deleted for a bad file";
+        } else if (what.startsWith("slots kept:")) { // a failed import leaves every slot as it was
+            for (int i = 0; i < 8; ++i)
+                if (sim_->platformSlot(i).join(',') != slots_.value(i))
+                    return QString("slot %1 changed: %2").arg(i).arg(QString(r.err));
+            if (!r.err.contains(what.mid(11).toLatin1()))
+                return r.err;
+            if (what.contains("restored") && !QFile::exists(file + ".bak"))
+                return "no backup file";
+        } else if (what.startsWith("out:")) {
+            if (!r.out.contains(what.mid(4).toLatin1()))
+                return r.out;
         } else if (!what.isEmpty() && !r.err.contains(what.toLatin1())) {
             return r.err;
         }
@@ -208,7 +229,10 @@ private slots:
         both("info", "info", 0, "info");
         both("info json", "info --json", 0, "info json");
         both("time get", "time get", 0, "clock");
-        both("time sync", "time sync", 0, "synced");
+        QTest::newRow("gnx234 time sync") << "gnx234"
+                                          << "time sync" << 0 << "synced" << QByteArray();
+        QTest::newRow("gnx134 time sync now") << "gnx134"
+                                              << "time sync --now" << 0 << "synced now" << QByteArray();
         both("send", "send TEST", 0, "reply");
         both("flash jsonl", "flash read --format jsonl", 0, "jsonl");
         both("flash csv", "flash read", 0, "csv");
@@ -232,15 +256,42 @@ private slots:
             gnxsim::Firmware::vanFile(gnxsim::Model::Gnx234, "7.7.7", 20));
         // Bad input: usage and files.
         row("no command", "gnx234", "", 2, "gnxctl: no command given");
-        row("unknown command", "gnx234", "flush", 2, "gnxctl: unknown command \"flush\"");
+        row("mistyped command", "gnx234", "flush", 2,
+            "unknown command \"flush\"; did you mean \"gnxctl flash\"?");
+        row("mistyped subcommand", "gnx234", "time sinc", 2, "did you mean \"gnxctl time sync\"?");
+        row("group alone", "gnx234", "platforms", 2, "\"gnxctl platforms\" needs a command: export, import");
+        row("version", "gnx234", "--version", 0, "out:gnxctl 1.");
+        row("command help", "gnx234", "flash read --help", 0, "out:Usage: gnxctl flash read [OPTIONS]");
+        row("json error", "gnx234", "--json flash erase", 2,
+            R"({"code":2,"error":"flash erase needs --yes"})");
+        row("time json", "gnx234", "time get --json", 0, R"(out:"resolution":"minute")");
+        row("send refused", "gnx234", "send BOGUS,1", 1,
+            "The receiver refused \"BOGUS,1\": it answered $ACK,0*7F");
+        row("send wrong checksum", "gnx234", "send GSN*00", 1, "Wrong checksum provided (should be 70)");
+        row("script line refused", "gnx234", "script run %f", 1, "line 2: Wrong checksum provided",
+            "# a\n$GSN*00\n$GSN*70\n");
+        row("script keep going", "gnx234", "script run --keep-going %f", 1, "2 of 3 lines of",
+            "$GSN*00\n$GSN*70\n$BOGUS*11\n");
         row("erase unconfirmed", "gnx234", "flash erase", 2, "gnxctl: flash erase needs --yes");
         row("bad format", "gnx234", "flash read --format xml", 2, "unknown format \"xml\"");
         row("stray argument", "gnx234", "info now", 2, "unexpected argument \"now\"");
         row("bad mode", "gnx234", "mode fast", 2, "mode must be app or bl");
         row("no settings file", "gnx234", "--settings %f info", 2, "Unable to read settings file");
         row("no formats file", "gnx234", "flash read --formats %f", 2, "%f");
-        row("bad platforms file", "gnx234", "platforms import %f", 2, "wrong number of columns",
-            "12345,Buoy\n");
+        // A bad line of an import: named, and nothing written.
+        const QByteArray header = "#,Orvia ID,Label,GPS Format Name,Repetition period,Orvia Band,Modulation,"
+                                  "Frequency Mode,Narrow Mode Frequency\n";
+        row("import columns", "gnx234", "platforms import %f", 2,
+            "slots kept:line 1: 2 columns where a GNX234 line has 8", "12345,Buoy\n");
+        row("import identifier", "gnx234", "--json platforms import %f", 2,
+            R"(slots kept:"field":"Orvia ID","line":3)",
+            header + "12345,A,,120,0,0,0,0\nZZZZZ,B,,120,0,0,0,0\n");
+        row("import label", "gnx234", "platforms import %f", 2, "slots kept:line 2, \"Label\"",
+            header + QString("12345,Ω,,120,0,0,0,0\n").toUtf8());
+        row("import format", "gnx134", "platforms import %f", 2, "slots kept:\"GPS Format Name\"",
+            "12345,A,NO-SUCH-FORMAT,120,4\n");
+        row("import refused", "gnx234 refuse", "platforms import --backup %f.bak %f", 1,
+            "slots kept:restored", header + "12345,A,,120,0,0,0,0\n23456,B,,120,0,0,0,0\n");
         row("no script file", "gnx234", "script run %f", 2, "Unable to GNX script file");
         row("bad formats file", "gnx234", "formats check %f", 2, ":2: not a GPS format line", "1\nbad#\n");
         row("stalled", "gnx234 stalled", "--settings %f info", 1, "Uart link timeout",
@@ -266,11 +317,91 @@ private slots:
         }
         if (how.contains("stalled"))
             sim_->setStalled(true);
+        if (how.contains("refuse"))
+            sim_->setRefusedSlot(1);
+        slots_.clear();
+        for (int i = 0; i < 8; ++i)
+            slots_ << sim_->platformSlot(i).join(',');
         QString line = args;
-        const Run r = gnxctl(withPort(line.replace("%f", file)));
+        const Run r =
+            gnxctl(line.startsWith("--version") ? QStringList{args} : withPort(line.replace("%f", file)));
         QVERIFY2(r.code == code, qPrintable(QString("exit %1: %2").arg(r.code).arg(QString(r.err))));
         const QString failed = verify(check == "%f" ? file : check, how[0], r, file);
         QVERIFY2(failed.isEmpty(), qPrintable(failed));
+    }
+
+    void outputs_data()
+    {
+        QTest::addColumn<QString>("command"); // %o: the target
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("flash read onto a FIFO") << "flash read --format npr -o %o"
+                                                << "fifo";
+        QTest::newRow("flash read onto -") << "flash read --format npr -o %o"
+                                           << "dash";
+        QTest::newRow("platforms export onto a link") << "platforms export %o"
+                                                      << "link";
+        QTest::newRow("script save onto a 0600 file") << "script save %o"
+                                                      << "private";
+    }
+
+    // What is not a regular file is written in place, never replaced; a link stays a link; a
+    // regular file keeps its mode.
+    void outputs()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, kind);
+        QVERIFY(startSim("gnx234"));
+        const QString target = dir_.filePath("target"), real = dir_.filePath("real");
+        QFile::remove(target);
+        QFile::remove(real);
+        const auto put = [](const QString& path) {
+            QFile f(path);
+            return f.open(QIODevice::WriteOnly) && f.write("old") == 3;
+        };
+        QProcess reader;
+        if (kind == "fifo") {
+            QCOMPARE(::mkfifo(QFile::encodeName(target).constData(), 0644), 0);
+            reader.start("cat", {target});
+            QVERIFY(reader.waitForStarted());
+        } else if (kind == "link") {
+            QVERIFY(put(real) && QFile::link(real, target));
+        } else if (kind == "private") {
+            QVERIFY(put(target) && QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner));
+        }
+        const Run r = gnxctl(withPort(command.replace("%o", kind == "dash" ? "-" : target)));
+        QVERIFY2(r.code == 0, r.err);
+        QByteArray written = r.out;
+        struct stat st = {};
+        QCOMPARE(kind == "dash" ? 0 : ::lstat(QFile::encodeName(target).constData(), &st), 0);
+        if (kind == "fifo") {
+            QVERIFY(reader.waitForFinished(30000));
+            written = reader.readAllStandardOutput();
+            QVERIFY(S_ISFIFO(st.st_mode));
+        } else if (kind == "link") {
+            QVERIFY(S_ISLNK(st.st_mode));
+            QFile f(real);
+            QVERIFY(f.open(QIODevice::ReadOnly));
+            written = f.readAll();
+        } else if (kind == "private") {
+            QCOMPARE(st.st_mode & 0777, 0600u);
+            QFile f(target);
+            QVERIFY(f.open(QIODevice::ReadOnly));
+            written = f.readAll();
+        }
+        QVERIFY2(written.size() > 100 && !written.startsWith("old"), written);
+        if (command.startsWith("flash"))
+            QCOMPARE(lineCount(written), sim_->flashRecordCount());
+    }
+
+    // A receiver that talks while nobody listens (its answers paced as on the wire, the pty
+    // full): each run still connects at once.
+    void talkingReceiver()
+    {
+        QVERIFY(startSim("gnx234", 10, false, 0, 115200));
+        for (int i = 0; i < 16; ++i) {
+            const Run r = gnxctl(withPort(i % 2 ? "platforms export" : "info"));
+            QVERIFY2(r.code == 0, qPrintable(QString("run %1: %2").arg(i).arg(QString(r.err))));
+        }
     }
 
     // Without --port: the only receiver found, or a list when there are several.

@@ -209,6 +209,23 @@ private slots:
         QCOMPARE(t.flashRecordCount(), 0);
     }
 
+    // A refused slot answers ACK,0 to writes, re-creations and clears and keeps what it holds; it is
+    // still read, and the other slots are written.
+    void refusedSlot()
+    {
+        Talk t(options(gnx234));
+        const QString stored = slotWrite(gnx234, 5, "ABCDE");
+        QCOMPARE(t.answer(stored), stored);
+        t.setRefusedSlot(5);
+        for (const QString& c : {slotWrite(gnx234, 5, "ABCDE", {}, 4, "New"),
+                                 slotWrite(gnx234, 5, "FFFFF", "1"), reading("IP,5,0", 37)})
+            QCOMPARE(t.answer(c), QString("ACK,0"));
+        QCOMPARE(t.answer(reading("IP,5", 38)), stored);
+        QCOMPARE(t.answer(slotWrite(gnx234, 6, "FFFFF")), slotWrite(gnx234, 6, "FFFFF"));
+        t.setRefusedSlot(-1);
+        QCOMPARE(t.answer(reading("IP,5,0", 37)), reading("IP,5", 38));
+    }
+
     // The records, then erased memory: the first 0xFF is the end mark, inside the range IFP gives.
     void binaryFlashRead_data()
     {
