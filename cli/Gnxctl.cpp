@@ -26,13 +26,16 @@ namespace OrviaGonioManager::Cli {
 
 namespace {
 
-const char* const kExitCodes = "Exit codes:\n"
-                               "  0  done\n"
-                               "  1  the receiver refused or failed a request, a request timed out, or a\n"
-                               "     line of a script or an import did not take\n"
-                               "  2  usage, or a bad input file (the line and field are named)\n"
-                               "  3  no receiver, several receivers, or the port cannot be opened\n"
-                               "  4  the MQTT broker refused the station, or the spool cannot be written\n";
+const char* const kExitCodes =
+    "Every command also takes -p PATH, --settings FILE, -v, -q and --json (\"gnxctl "
+    "--help\").\n\n"
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  the receiver refused or failed a request, a request timed out, or a\n"
+    "     line of a script or an import did not take\n"
+    "  2  usage, or a bad input file (the line and field are named)\n"
+    "  3  no receiver, several receivers, or the port cannot be opened\n"
+    "  4  the MQTT broker refused the station, or the spool cannot be written\n";
 
 // The groups of commands, as the help lists them.
 const QHash<QString, QString>& groupDescriptions()

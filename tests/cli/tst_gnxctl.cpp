@@ -201,6 +201,9 @@ private:
                 return r.err;
             if (what.contains("restored") && !QFile::exists(file + ".bak"))
                 return "no backup file";
+        } else if (what == "quiet") {
+            if (!r.err.isEmpty() || lineCount(r.out) != records + 1)
+                return r.err;
         } else if (what.startsWith("out:")) {
             if (!r.out.contains(what.mid(4).toLatin1()))
                 return r.out;
@@ -261,6 +264,7 @@ private slots:
         row("mistyped subcommand", "gnx234", "time sinc", 2, "did you mean \"gnxctl time sync\"?");
         row("group alone", "gnx234", "platforms", 2, "\"gnxctl platforms\" needs a command: export, import");
         row("version", "gnx234", "--version", 0, "out:gnxctl 1.");
+        row("quiet", "gnx234", "-q flash read", 0, "quiet");
         row("command help", "gnx234", "flash read --help", 0, "out:Usage: gnxctl flash read [OPTIONS]");
         row("json error", "gnx234", "--json flash erase", 2,
             R"({"code":2,"error":"flash erase needs --yes"})");
@@ -415,6 +419,13 @@ private slots:
                  several.err);
         const Run none = gnxctl({"--port", dir_.filePath("absent"), "info"});
         QCOMPARE(none.code, 3);
+        const Run notSerial = gnxctl({"--port", GNXCTL_PATH, "info"});
+        QCOMPARE(notSerial.code, 3);
+        QVERIFY2(notSerial.err.contains("is not a serial port (a regular file)"), notSerial.err);
+        const Run nothing = gnxctl({"info"});
+        QCOMPARE(nothing.code, 3);
+        QVERIFY2(nothing.err.contains("no receiver found") && nothing.err.contains("GNX_EXTRA_PORTS"),
+                 nothing.err);
         const Run listed = gnxctl({"ports"}, port());
         QCOMPARE(listed.out, (port() + "\t-\tGNX_EXTRA_PORTS\n").toLatin1());
     }
