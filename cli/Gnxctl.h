@@ -71,7 +71,8 @@ private:
     void monitor(const CliArgs& args);
     static void addStationOptions(CLI::App& command);
     void monitorMqtt(const CliArgs& args);
-    void loadFormats(const CliArgs& args);
+    // The GPS formats of --formats; without it, when asked, the file the window uses, if found.
+    void loadFormats(const CliArgs& args, bool orFound = false);
     std::map<int, QString> loadFavourites();
     // The commands on files shared with the window.
     void platformsExport(const QString& fileName);

@@ -62,7 +62,10 @@ void Gnxctl::addFileCommands()
                        "written back."),
         [this](const CliArgs& a) { platformsImport(a); });
     file(import, "The CSV file, as \"platforms export\" writes it.");
-    import.add_option("--formats", "GPS formats file (besides the formats the receiver holds).")
+    import
+        .add_option("--formats", "GPS formats file, besides the formats the receiver holds (without it: the "
+                                 "window's file, ~/.local/share/OrviaGonioManager/Data/format.vtl, else the "
+                                 "installed one).")
         ->type_name("FILE");
     import
         .add_option("--backup", "Where the slots are saved before the first write (default: in the user's "
@@ -146,7 +149,7 @@ void Gnxctl::platformsExport(const QString& fileName)
 void Gnxctl::platformsImport(const CliArgs& a)
 {
     const QString fileName = a.value(QStringLiteral("file"));
-    loadFormats(a);
+    loadFormats(a, true);
     connectReceiver(a);
     ProgressPrinter progress(job_, quiet_ ? nullptr : stderr);
     Com::PlatformsImport import(*link_, &job_);

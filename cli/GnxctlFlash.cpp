@@ -13,8 +13,10 @@
 #include <CLI/CLI.hpp>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QTimer>
 
 #include <optional>
@@ -94,9 +96,21 @@ void Gnxctl::addFlashCommands()
     addStationOptions(monitor);
 }
 
-void Gnxctl::loadFormats(const CliArgs& a)
+void Gnxctl::loadFormats(const CliArgs& a, bool orFound)
 {
-    const QString path = a.value(QStringLiteral("formats"));
+    QString path = a.value(QStringLiteral("formats"));
+    if (path.isEmpty() && orFound) {
+        // The window's own file in the user's tree, else the one the package installs.
+        QString data = qEnvironmentVariable("XDG_DATA_HOME");
+        if (data.isEmpty())
+            data = QDir::homePath() + QStringLiteral("/.local/share");
+        for (const QString& candidate : {data + QStringLiteral("/OrviaGonioManager/Data/format.vtl"),
+                                         QStringLiteral("/usr/share/orvia-gonio-manager/format.vtl")})
+            if (QFileInfo(candidate).isFile()) {
+                path = candidate;
+                break;
+            }
+    }
     if (path.isEmpty())
         return;
     try {

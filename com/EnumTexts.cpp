@@ -83,6 +83,11 @@ std::optional<int> find(const QStringList& texts, const QString& text)
     for (qsizetype i = 0; i < texts.size(); ++i)
         if (texts[i].compare(text, Qt::CaseInsensitive) == 0)
             return int(i);
+    // A band by its name alone, "B1" for "B1: 401.610 MHz to ...".
+    for (qsizetype i = 0; i < texts.size(); ++i)
+        if (texts[i].contains(QLatin1Char(':')) &&
+            texts[i].section(QLatin1Char(':'), 0, 0).compare(text, Qt::CaseInsensitive) == 0)
+            return int(i);
     return std::nullopt;
 }
 

@@ -3,8 +3,8 @@
 #include "com/PlatformsFile.h"
 #include "utils/GpsFormat.h"
 #include "utils/JobProgress.h"
+#include "utils/OutputFile.h"
 
-#include <QSaveFile>
 #include <QTextStream>
 
 namespace OrviaGonioManager::Com {
@@ -213,10 +213,10 @@ QString PlatformsImport::slotText(const PlatformCodec::Slot& slot) const
 
 void PlatformsImport::writeBackup(const QString& backupPath) const
 {
-    QSaveFile file(backupPath);
+    Utils::OutputFile file(backupPath);
     bool ok = file.open(QIODevice::WriteOnly | QIODevice::Text);
     if (ok) {
-        QTextStream out(&file);
+        QTextStream out(file.device());
         out << PlatformsFile::header(version_) << '\n';
         for (const PlatformCodec::Slot& slot : before_) {
             if (!slot.platform.id.isEmpty())
@@ -227,8 +227,8 @@ void PlatformsImport::writeBackup(const QString& backupPath) const
     }
     if (!ok)
         throw MRL::Utils::Exception(
-            QStringLiteral("Unable to write the backup of the favourites to %1; nothing was changed")
-                .arg(backupPath),
+            QStringLiteral("Unable to write the backup of the favourites to %1 (%2); nothing was changed")
+                .arg(backupPath, file.errorString()),
             2);
 }
 

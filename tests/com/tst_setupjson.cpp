@@ -82,8 +82,7 @@ private slots:
         row("software.directionOffset", 65535);
         row("hardware.cableLength", -2147483647 - 1);
         row("hardware.declination", "E12.5");
-        row("software.band", "b9: 399.900 mhz to 399.980 mhz (a2, a3, ze-a3)",
-            "B9: 399.900 MHz to 399.980 MHz (A2, A3, ZE-A3)");
+        row("software.band", "b9", "B9: 399.900 MHz to 399.980 MHz (A2, A3, ZE-A3)"); // a band by its name
         row("hardware.compassMode", "AUTO", "Auto");
     }
 
@@ -160,8 +159,8 @@ private slots:
         row(R"({"hardware": {"compassMode": 2}})",
             R"(hardware.compassMode: 2 is not one of "Fixed", "Compass", "Auto", "Undefined")");
         // A good field before the bad one is not applied either.
-        row(R"({"software": {"audio": true, "band": "B9"}})",
-            R"-(software.band: "B9" is not one of "B1: 401.610 MHz to 401.690 MHz (A2, A3, ZE-A3)", )-"
+        row(R"({"software": {"audio": true, "band": "B10"}})",
+            R"-(software.band: "B10" is not one of "B1: 401.610 MHz to 401.690 MHz (A2, A3, ZE-A3)", )-"
             R"-("B2: 401.530 MHz to 401.610 MHz (HDA4)", "B3: 401.460 MHz to 401.540 MHz (HDA4)", )-"
             R"-("B4: 401.390 MHz to 401.470 MHz (HDA4)", )-"
             R"-("B5: 401.310 MHz to 401.390 MHz (A2, A3, ZE-A3, VLD-A4)", )-"
