@@ -217,6 +217,7 @@ private slots:
         QFETCH(PlatformsImport::Restore, restore);
         QVERIFY(start(version));
         JobProgress job;
+        int reads = 0; // seen by the job's checkpoint while the import runs
         if (fault == "refuse") {
             sim_->setRefusedSlot(slot);
         } else if (fault == "unplug") {
@@ -230,7 +231,6 @@ private slots:
             lines[0].replace("1A2B3", before_[0][3]);
             QVERIFY(writeFile(file_, version, lines));
             where = where.arg(before_[0][4]);
-            int reads = 0;
             job.setCheckpoint([&] {
                 if (++reads == link_->maxPlatformsNumber())
                     sim_->overrideNextReply("IP", before_[0]);
