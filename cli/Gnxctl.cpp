@@ -312,7 +312,7 @@ bool Gnxctl::findReceiver(const QStringList& ports, const QString& serial)
     for (const QString& port : ports) {
         try {
             openReceiver(port);
-            if (serialOf(device_) == serial)
+            if (serial.isEmpty() || serialOf(device_) == serial)
                 return true;
         } catch (const CliError&) {
             // Not there, or not answering: the next one.

@@ -45,7 +45,7 @@ private:
     // The receiver named by --port, or the only one found; opened and identified.
     void connectReceiver(const CliArgs& args);
     void openReceiver(const QString& port);
-    // Opens each port in turn until the receiver with this serial number answers.
+    // Opens each port in turn until the receiver with this serial number (any, without one) answers.
     bool findReceiver(const QStringList& ports, const QString& serial);
     static QStringList foundPorts();
     static QString serialOf(const Com::GnxLink::GnxDeviceInfo& d);

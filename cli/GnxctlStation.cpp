@@ -3,6 +3,7 @@
 #include "cli/Gnxctl.h"
 
 #include "cli/MqttStation.h"
+#include "cli/ServiceNotifier.h"
 #include "cli/StopSignal.h"
 #include "stream/MqttUrl.h"
 #include "utils/RxJson.h"
@@ -60,6 +61,13 @@ MqttStation::Options stationOptions(const CliArgs& p)
     if (!o.client.caFile.isEmpty() && !QFile::exists(o.client.caFile))
         throw CliError{EXIT_USAGE, QStringLiteral("no CA file %1").arg(o.client.caFile)};
     o.client.insecure = p.isSet(QStringLiteral("mqtt-insecure"));
+    if (!o.client.url.tls && (!o.client.caFile.isEmpty() || o.client.insecure))
+        throw CliError{EXIT_USAGE, QStringLiteral("%1 is for TLS: the broker's URL must then be mqtts://")
+                                       .arg(o.client.insecure ? QStringLiteral("--mqtt-insecure")
+                                                              : QStringLiteral("--mqtt-ca"))};
+    o.client.maxRefusals = p.isSet(QStringLiteral("retry-forever")) ? 0 : 3;
+    if (const QString wrong = Stream::MqttClient::checkOptions(o.client); !wrong.isEmpty())
+        throw CliError{EXIT_USAGE, wrong};
     o.station = p.isSet(QStringLiteral("station")) ? p.value(QStringLiteral("station"))
                                                    : qEnvironmentVariable("GNXCTL_STATION");
     if (o.station.isEmpty())
@@ -100,6 +108,11 @@ void Gnxctl::addStationOptions(CLI::App& c)
         ->type_name("DIR");
     c.add_option("--spool-max", "The spool's bound in MB (default 512).")->type_name("MB");
     c.add_option("--serial", "The receiver with this serial number, as info shows it.")->type_name("SERIAL");
+    c.add_flag("--retry-forever",
+               "Keep trying a broker that refuses the station for good (not authorised, a "
+               "certificate that does not verify); without it the station ends with 4 after "
+               "three such refusals.");
+    c.add_flag("--once", "With no receiver at the start, end with 3 instead of waiting for one.");
 }
 
 void Gnxctl::monitorMqtt(const CliArgs& a)
@@ -114,45 +127,69 @@ void Gnxctl::monitorMqtt(const CliArgs& a)
         a.isSet(QStringLiteral("duration")) ? a.value(QStringLiteral("duration")).toDouble(&ok) : -1;
     if (!ok || duration == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--duration takes a positive number of seconds")};
-    connectReceiver(a);
-    const QString serial = serialOf(device_);
     const QString boot =
         QString::number(QRandomGenerator::system()->generate64(), 16).rightJustified(16, QLatin1Char('0'));
-    MqttStation station(options, serial, boot);
+    ServiceNotifier service;
+
+    // The receiver; without one, unless --once, the station waits for it as after an unplug.
+    QString serial = a.value(QStringLiteral("serial"));
+    bool present = true;
+    try {
+        connectReceiver(a);
+        serial = serialOf(device_);
+    } catch (const CliError& e) {
+        if (a.isSet(QStringLiteral("once")) || e.code != EXIT_PORT)
+            throw;
+        present = false;
+        link_.reset();
+        MqttStation::say(QStringLiteral("%1; waiting for %2")
+                             .arg(e.message, serial.isEmpty() ? QStringLiteral("a receiver")
+                                                              : QStringLiteral("receiver %1").arg(serial)));
+    }
 
     QEventLoop loop;
     std::optional<CliError> failure;
     qint64 published = 0;
     const auto stop = [&] { loop.quit(); };
     const auto fail = [&](const CliError& e) {
-        failure = e;
+        if (!failure)
+            failure = e;
         stop();
     };
     QTimer retry;
     retry.setInterval(kReceiverRetryMs);
+    std::unique_ptr<MqttStation> station;
+    const auto tell = [&] {
+        service.status(station ? station->summary() : QStringLiteral("waiting for a receiver"));
+    };
+    // The station's spool and topics are the receiver's: it starts once the serial number is known.
+    const auto open = [&] {
+        station = std::make_unique<MqttStation>(options, serial, boot);
+        QObject::connect(station.get(), &MqttStation::sigFailed, &loop, [&](const QString& reason) {
+            fail({EXIT_STREAM, reason});
+        });
+        QObject::connect(station.get(), &MqttStation::sigChanged, &loop, tell);
+        station->start();
+    };
 
     std::function<void()> attach = [&] {
         loadFavourites();
         QObject::connect(link_.get(), &GnxLink::sigOrviaMessageReceived, &loop,
                          [&](const Com::OrviaRxMessage_t& m, GnxLink::RxOrigin_t origin) {
-                             try {
-                                 station.publish(Utils::rxJson(
-                                     rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber())));
-                             } catch (const CliError& e) {
-                                 fail(e);
-                             }
+                             station->publish(Utils::rxJson(
+                                 rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber())));
                              if (++published == count)
                                  stop();
                          });
         QObject::connect(link_.get(), &GnxLink::sigLinkCompromised, &loop, [&] {
             if (retry.isActive())
                 return;
-            station.receiverLost();
+            station->receiverLost();
             retry.start();
             QTimer::singleShot(0, &loop, [&] { link_.reset(); }); // not from inside its own signal
         });
         link_->setLiveRxEnabled(true);
-        station.receiverOnline(identification(device_));
+        station->receiverOnline(identification(device_));
     };
     QObject::connect(&retry, &QTimer::timeout, &loop, [&] {
         const QString port = a.value(QStringLiteral("port"));
@@ -160,26 +197,39 @@ void Gnxctl::monitorMqtt(const CliArgs& a)
             return;
         retry.stop();
         try {
+            if (!station) {
+                serial = serialOf(device_);
+                open();
+            }
             attach();
+        } catch (const CliError& e) {
+            fail(e);
         } catch (const MRL::Utils::Exception&) {
             link_.reset(); // gone again at once: keep waiting
             retry.start();
         }
-    });
-    QObject::connect(&station, &MqttStation::sigRefused, &loop, [&](const QString& reason) {
-        fail({EXIT_STREAM, QStringLiteral("the MQTT broker refused the station: %1").arg(reason)});
     });
     StopSignal signal;
     QObject::connect(&signal, &StopSignal::sigStop, &loop, stop);
     if (duration > 0)
         QTimer::singleShot(qint64(duration * 1000), &loop, stop);
 
-    station.start();
-    attach();
+    if (!serial.isEmpty())
+        open();
+    if (present) {
+        attach();
+    } else {
+        if (station)
+            station->receiverLost();
+        retry.start();
+    }
+    tell();
+    service.ready();
     loop.exec();
     if (link_)
         QObject::disconnect(link_.get(), nullptr, &loop, nullptr); // nothing more comes in while draining
-    station.stop();
+    if (station)
+        station->stop(failure ? failure->message : QString());
     if (failure)
         throw *failure;
 }

@@ -8,7 +8,13 @@
 #include <QEventLoop>
 #include <QJsonDocument>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace OrviaGonioManager::Cli {
 
@@ -37,22 +43,7 @@ MqttStation::MqttStation(const Options& options, const QString& serial, const QS
     const QByteArray base = (options.client.url.prefix + QLatin1Char('/') + serial).toUtf8();
     rxTopic_ = base + "/rx";
     statusTopic_ = base + "/status";
-    QDir().mkpath(options.spoolDir);
-    lock_.setStaleLockTime(0);
-    if (!lock_.tryLock(0)) {
-        qint64 pid = 0;
-        QString host, app;
-        lock_.getLockInfo(&pid, &host, &app);
-        throw CliError{EXIT_STREAM, QStringLiteral("the spool %1 is in use by another gnxctl (pid %2)")
-                                        .arg(QDir(options.spoolDir).filePath(serial))
-                                        .arg(pid)};
-    }
-    try {
-        spool_ =
-            std::make_unique<Stream::Spool>(QDir(options.spoolDir).filePath(serial), options.spoolMaxBytes);
-    } catch (const MRL::Utils::Exception& e) {
-        throw CliError{EXIT_STREAM, e.message()};
-    }
+    openSpool();
     spool_->onLoss = [this](qint64 messages, qint64 bytes) {
         say(QStringLiteral("spool full: %1 messages lost so far, %2% of its %3 MB; the oldest go first")
                 .arg(messages)
@@ -64,6 +55,39 @@ MqttStation::MqttStation(const Options& options, const QString& serial, const QS
 }
 
 MqttStation::~MqttStation() = default;
+
+void MqttStation::openSpool()
+{
+    const QString dir = QDir(options_.spoolDir).filePath(serial_);
+    try {
+        Stream::Spool::makeDirectory(options_.spoolDir);
+    } catch (const MRL::Utils::Exception& e) {
+        throw CliError{EXIT_STREAM, e.message()};
+    }
+    lock_.setStaleLockTime(0);
+    if (!lock_.tryLock(0)) {
+        if (lock_.error() == QLockFile::LockFailedError) {
+            qint64 pid = 0;
+            QString host, app;
+            lock_.getLockInfo(&pid, &host, &app);
+            throw CliError{
+                EXIT_STREAM,
+                QStringLiteral("the spool %1 is in use by another gnxctl (pid %2)").arg(dir).arg(pid)};
+        }
+        // Not held by anyone: the lock file itself cannot be made.
+        const int fd = ::open(QFile::encodeName(lock_.fileName()).constData(), O_WRONLY | O_CREAT, 0640);
+        const QString why =
+            fd < 0 ? QString::fromLocal8Bit(std::strerror(errno)) : QStringLiteral("cannot lock");
+        if (fd >= 0)
+            ::close(fd);
+        throw CliError{EXIT_STREAM, QStringLiteral("cannot use the spool %1: %2").arg(dir, why)};
+    }
+    try {
+        spool_ = std::make_unique<Stream::Spool>(dir, options_.spoolMaxBytes);
+    } catch (const MRL::Utils::Exception& e) {
+        throw CliError{EXIT_STREAM, e.message()};
+    }
+}
 
 void MqttStation::say(const QString& text)
 {
@@ -84,7 +108,21 @@ void MqttStation::start()
     connect(client_.get(), &Stream::MqttClient::sigConnected, this, &MqttStation::connected);
     connect(client_.get(), &Stream::MqttClient::sigDisconnected, this, &MqttStation::disconnected);
     connect(client_.get(), &Stream::MqttClient::sigAcked, this, &MqttStation::acked);
-    connect(client_.get(), &Stream::MqttClient::sigRefused, this, &MqttStation::sigRefused);
+    connect(client_.get(), &Stream::MqttClient::sigFault, this, [this](const QString& reason, bool final) {
+        fault_ = reason;
+        if (reason == lostReason_)
+            return; // said already, as the loss
+        say(final ? QStringLiteral("MQTT broker: %1; this will not cure itself%2")
+                        .arg(reason, options_.client.maxRefusals > 0
+                                         ? QStringLiteral(", the station ends after %1 such refusals")
+                                               .arg(options_.client.maxRefusals)
+                                         : QStringLiteral(", tried again (--retry-forever)"))
+                  : QStringLiteral("MQTT broker: %1; trying again").arg(reason));
+        emit sigChanged();
+    });
+    connect(client_.get(), &Stream::MqttClient::sigRefused, this, [this](const QString& reason) {
+        emit sigFailed(QStringLiteral("the MQTT broker refused the station: %1").arg(reason));
+    });
     const auto& url = options_.client.url;
     say(QStringLiteral("connecting to the MQTT broker %1:%2").arg(url.host).arg(url.port));
     try {
@@ -97,16 +135,20 @@ void MqttStation::start()
 
 void MqttStation::connected()
 {
+    fault_.clear();
+    lostReason_.clear();
     const auto& url = options_.client.url;
     say(QStringLiteral("connected to the MQTT broker %1:%2").arg(url.host).arg(url.port));
     if (url.tls && options_.client.insecure)
         say(QStringLiteral("warning: the broker's certificate is not checked (--mqtt-insecure)"));
     publishStatus();
     pump();
+    emit sigChanged();
 }
 
 void MqttStation::disconnected(const QString& reason)
 {
+    lostReason_ = reason;
     say(QStringLiteral("MQTT broker lost (%1); trying again, %2 messages waiting in the spool")
             .arg(reason)
             .arg(spool_->waiting()));
@@ -114,6 +156,7 @@ void MqttStation::disconnected(const QString& reason)
     inflight_.clear();
     pending_.clear();
     spool_->rewind();
+    emit sigChanged();
 }
 
 void MqttStation::receiverOnline(const QJsonObject& identification)
@@ -123,6 +166,7 @@ void MqttStation::receiverOnline(const QJsonObject& identification)
         say(QStringLiteral("receiver %1 online").arg(serial_));
     state_ = QStringLiteral("online");
     publishStatus();
+    emit sigChanged();
 }
 
 void MqttStation::receiverLost()
@@ -130,19 +174,28 @@ void MqttStation::receiverLost()
     say(QStringLiteral("receiver %1 lost; waiting for it").arg(serial_));
     state_ = QStringLiteral("no-receiver");
     publishStatus();
+    emit sigChanged();
 }
 
 void MqttStation::publish(QJsonObject rx)
 {
     rx.insert(QStringLiteral("station"), options_.station);
     rx.insert(QStringLiteral("boot"), boot_);
-    try {
-        spool_->append([&rx](qint64 seq) {
-            rx.insert(QStringLiteral("seq"), seq);
-            return compact(rx);
-        });
-    } catch (const MRL::Utils::Exception& e) {
-        throw CliError{EXIT_STREAM, e.message()};
+    const qint64 seq = spool_->append([&rx](qint64 seq) {
+        rx.insert(QStringLiteral("seq"), seq);
+        return compact(rx);
+    });
+    // A full disk loses the new message, said once; what is spooled still goes.
+    if (seq == 0 && !diskFull_) {
+        diskFull_ = true;
+        say(QStringLiteral("warning: %1; new messages are lost until there is room, the spooled ones are "
+                           "still sent")
+                .arg(spool_->diskError()));
+        emit sigChanged();
+    } else if (seq > 0 && diskFull_) {
+        diskFull_ = false;
+        say(QStringLiteral("the spool writes again; %1 messages lost so far").arg(spool_->lostMessages()));
+        emit sigChanged();
     }
     last_ = rx;
     pump();
@@ -196,6 +249,8 @@ void MqttStation::publishStatus()
         return; // published again on connection
     QJsonObject o = identification_;
     o.insert(QStringLiteral("state"), state_);
+    if (!reason_.isEmpty())
+        o.insert(QStringLiteral("reason"), reason_);
     o.insert(QStringLiteral("serialNumber"), serial_);
     o.insert(QStringLiteral("station"), options_.station);
     o.insert(QStringLiteral("boot"), boot_);
@@ -226,10 +281,22 @@ bool MqttStation::waitFor(const std::function<bool()>& done, int ms)
     return done();
 }
 
-void MqttStation::stop()
+QString MqttStation::summary() const
+{
+    const QString broker = client_ && client_->isConnected() ? QStringLiteral("broker connected")
+                           : fault_.isEmpty()                ? QStringLiteral("broker not connected")
+                                              : QStringLiteral("broker not connected (%1)").arg(fault_);
+    return QStringLiteral("%1, %2, %3 waiting, %4 lost")
+        .arg(state_.isEmpty() ? QStringLiteral("starting") : state_, broker)
+        .arg(spool_->waiting())
+        .arg(spool_->lostMessages());
+}
+
+void MqttStation::stop(const QString& failedReason)
 {
     refresh_.stop();
-    state_ = QStringLiteral("offline");
+    state_ = failedReason.isEmpty() ? QStringLiteral("offline") : QStringLiteral("failed");
+    reason_ = failedReason;
     if (client_ && client_->isConnected()) {
         // What is spooled goes first, then "offline"; a slow broker gets a few seconds for each.
         waitFor([this] { return spool_->waiting() == 0; }, kStopWaitMs);

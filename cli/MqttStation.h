@@ -13,8 +13,8 @@
 namespace OrviaGonioManager::Cli {
 
 // One receiver's messages on their way to a broker: each goes to the spool first and leaves it
-// once the broker has acknowledged it; the retained status tells online, no-receiver, offline,
-// and, through the last will, lost.
+// once the broker has acknowledged it; the retained status tells online, no-receiver, offline (a
+// clean stop), failed (stopped by a fault, with its reason) and, through the last will, lost.
 class MqttStation : public QObject
 {
     Q_OBJECT
@@ -38,11 +38,17 @@ public:
     void receiverLost();
     // Spools one message (the JSON Lines object) and sends what the broker can take.
     void publish(QJsonObject rx);
-    // Publishes "offline", waits a little for the broker to take it, and puts the spool on disk.
-    void stop();
+    // Publishes "offline" (or "failed" with the reason), waits a little for the broker to take it,
+    // and puts the spool on disk.
+    void stop(const QString& failedReason = {});
+    // The state and what waits, for the service manager.
+    QString summary() const;
+    static void say(const QString& text);
 
 signals:
-    void sigRefused(const QString& reason);
+    // A fault that ends the station: the broker refuses it for good, or the spool cannot be used.
+    void sigFailed(const QString& reason);
+    void sigChanged();
 
 private:
     void publishStatus();
@@ -50,7 +56,7 @@ private:
     void acked(int mid);
     void connected();
     void disconnected(const QString& reason);
-    static void say(const QString& text);
+    void openSpool();
     // Runs events until done() or ms have passed.
     bool waitFor(const std::function<bool()>& done, int ms);
 
@@ -65,6 +71,10 @@ private:
     std::map<int, qint64> inflight_; // message id -> number
     std::map<qint64, bool> pending_; // sent numbers -> acknowledged
     QString state_;                  // none until the receiver first answers
+    QString reason_;                 // why the station failed
+    bool diskFull_ = false;          // the last message found no room on disk
+    QString fault_;                  // why the broker cannot be used, until it connects
+    QString lostReason_;             // how the last connection ended
     QJsonObject identification_;
     QJsonObject last_; // the last message
     qint64 published_ = 0;

@@ -10,9 +10,9 @@ packages=(
     clang libclang-rt-14-dev
     xvfb xauth xdotool imagemagick
     dpkg-dev fakeroot lintian desktop-file-utils appstream
-    libmosquitto-dev mosquitto mosquitto-clients
+    libmosquitto-dev mosquitto mosquitto-clients libssl-dev openssl
     libgeographiclib-dev gdal-bin
-    libcli11-dev
+    libcli11-dev libsystemd-dev systemd
 )
 
 missing=()

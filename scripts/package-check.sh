@@ -30,4 +30,17 @@ cmp -s "$tree/Data/format.vtl" "$scratch/root/usr/share/orvia-gonio-manager/form
 echo "0" >"$tree/Data/format.vtl" # the user's own file
 "$launcher" --version >/dev/null 2>&1 || fail "the second run failed"
 [ "$(cat "$tree/Data/format.vtl")" = "0" ] || fail "the second run overwrote the user's GPS formats file"
+# The station's unit as installed: verified in a root holding the package over the system's units.
+unitroot="$scratch/unitroot"
+mkdir -p "$unitroot/etc" "$unitroot/lib/systemd/system"
+cp -r "$scratch/root/." "$unitroot/"
+cp -rn /lib/systemd/system/. "$unitroot/lib/systemd/system/"
+cp /etc/passwd /etc/group "$unitroot/etc/"
+unit=$(find "$unitroot" -name 'gnxctl-monitor@.service' | head -n 1)
+[ -n "$unit" ] || fail "the package holds no gnxctl-monitor@.service"
+[ "$unit" = "$unitroot/lib/systemd/system/gnxctl-monitor@.service" ] ||
+    cp "$unit" "$unitroot/lib/systemd/system/gnxctl-monitor@.service"
+systemd-analyze verify --man=no --root="$unitroot" gnxctl-monitor@0099-429.service ||
+    fail "systemd-analyze verify reports errors in gnxctl-monitor@.service"
+
 echo "package-check: $(basename "$deb") is clean; the launcher made and kept $tree"

@@ -9,9 +9,26 @@ namespace OrviaGonioManager::Stream {
 
 namespace {
 
+// What may hold credentials: from the scheme's "://" (or the start) to the last "@". A password
+// may hold "/" or "#", so the authority's end cannot be trusted; a prefix with "@" is hidden too.
+QString userInfo(const QString& text)
+{
+    const qsizetype at = text.lastIndexOf(QLatin1Char('@'));
+    if (at < 0)
+        return {};
+    const qsizetype scheme = text.indexOf(QStringLiteral("://"));
+    const qsizetype from = scheme >= 0 && scheme < at ? scheme + 3 : 0;
+    return text.mid(from, at - from);
+}
+
+// Every message shows the URL with its user information as "***", wherever it is quoted.
 [[noreturn]] void bad(const QString& text, const QString& why)
 {
-    throw MRL::Utils::Exception(QStringLiteral("bad MQTT URL \"%1\": %2").arg(text, why), 2);
+    QString message = QStringLiteral("bad MQTT URL \"%1\": %2").arg(text, why);
+    const QString secret = userInfo(text);
+    if (!secret.isEmpty())
+        message.replace(secret, QStringLiteral("***"));
+    throw MRL::Utils::Exception(message, 2);
 }
 
 } // namespace
@@ -20,6 +37,11 @@ MqttUrl MqttUrl::parse(const QString& text)
 {
     const QUrl url(text, QUrl::StrictMode);
     MqttUrl result;
+    // First, so that no other complaint is about a URL with credentials; an "@" in the prefix is fine.
+    const bool atInPrefix =
+        url.isValid() && url.userInfo().isEmpty() && url.path().contains(QLatin1Char('@'));
+    if (!userInfo(text).isEmpty() && !atInPrefix)
+        bad(text, QStringLiteral("credentials go in --mqtt-auth or the environment, never in the URL"));
     // Wildcards are for subscribers; a publisher's topic must not hold them ("#" would be a fragment).
     if (text.section(QStringLiteral("://"), 1).contains(QRegularExpression(QStringLiteral("[+#]"))))
         bad(text, QStringLiteral("the prefix must not hold \"+\" or \"#\""));
@@ -27,8 +49,6 @@ MqttUrl MqttUrl::parse(const QString& text)
         bad(text, url.errorString());
     if (url.scheme() != QLatin1String("mqtt") && url.scheme() != QLatin1String("mqtts"))
         bad(text, QStringLiteral("the scheme must be mqtt:// or mqtts://"));
-    if (!url.userInfo().isEmpty())
-        bad(text, QStringLiteral("credentials go in --mqtt-auth or the environment, never in the URL"));
     if (url.host().isEmpty())
         bad(text, QStringLiteral("no host"));
     result.tls = url.scheme() == QLatin1String("mqtts");

@@ -1,6 +1,7 @@
 #pragma once
-// A real mosquitto on 127.0.0.1 and a free port, with a configuration written here; and a
-// mosquitto_sub that collects what it receives, one "topic payload" a line.
+// A real mosquitto on 127.0.0.1 and a free port, with a configuration written here, and TLS
+// listeners on demand with certificates made here by openssl; and a mosquitto_sub that collects
+// what it receives, one "topic payload" a line.
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -46,9 +47,7 @@ public:
                               {QStringLiteral("-b"), passwords, user, password});
             conf += QStringLiteral("allow_anonymous false\npassword_file %1\n").arg(passwords);
         }
-        QFile file(dir_.filePath(QStringLiteral("mosquitto.conf")));
-        file.open(QIODevice::WriteOnly);
-        file.write(conf.toUtf8());
+        conf_ = conf;
     }
     ~Broker() { stop(); }
 
@@ -58,9 +57,23 @@ public:
         return QStringLiteral("mqtt://127.0.0.1:%1/%2").arg(port_).arg(prefix);
     }
 
+    // More configuration lines, e.g. "max_queued_messages 0\n". Before start().
+    void configure(const QString& lines) { conf_ += lines; }
+    // Another listener, TLS with this certificate and key; its port. Before start().
+    int addTlsListener(const QString& cert, const QString& key)
+    {
+        const int port = freePort();
+        conf_ += QStringLiteral("listener %1 127.0.0.1\ncertfile %2\nkeyfile %3\n").arg(port).arg(cert, key);
+        return port;
+    }
+
     // Returns once the broker listens.
     bool start()
     {
+        QFile file(dir_.filePath(QStringLiteral("mosquitto.conf")));
+        file.open(QIODevice::WriteOnly);
+        file.write(conf_.toUtf8());
+        file.close();
         process_.setProcessChannelMode(QProcess::MergedChannels);
         process_.start(QStringLiteral("mosquitto"),
                        {QStringLiteral("-c"), dir_.filePath(QStringLiteral("mosquitto.conf"))});
@@ -85,7 +98,63 @@ public:
 private:
     QTemporaryDir dir_;
     int port_;
+    QString conf_;
     QProcess process_;
+};
+
+// A CA and what it signs, made by openssl in a directory of their own: file(name) is
+// <name>.crt, key(name) <name>.key.
+class Certificates
+{
+public:
+    QString file(const QString& name) const { return dir_.filePath(name + QStringLiteral(".crt")); }
+    QString key(const QString& name) const { return dir_.filePath(name + QStringLiteral(".key")); }
+
+    // A self-signed CA.
+    bool makeCa(const QString& name)
+    {
+        return openssl({QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                        QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
+                        QStringLiteral("ec_paramgen_curve:P-256"), QStringLiteral("-nodes"),
+                        QStringLiteral("-keyout"), key(name), QStringLiteral("-out"), file(name),
+                        QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                        QStringLiteral("/CN=") + name});
+    }
+    // A server certificate for subjectAltName (e.g. "IP:127.0.0.1", "DNS:localhost"), signed by ca.
+    bool makeServer(const QString& name, const QString& ca, const QString& subjectAltName)
+    {
+        const QString csr = dir_.filePath(name + QStringLiteral(".csr"));
+        const QString ext = dir_.filePath(name + QStringLiteral(".ext"));
+        QFile extFile(ext);
+        if (!extFile.open(QIODevice::WriteOnly))
+            return false;
+        extFile.write(QStringLiteral("subjectAltName=%1\n").arg(subjectAltName).toUtf8());
+        extFile.close();
+        return openssl({QStringLiteral("req"), QStringLiteral("-newkey"), QStringLiteral("ec"),
+                        QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:P-256"),
+                        QStringLiteral("-nodes"), QStringLiteral("-keyout"), key(name),
+                        QStringLiteral("-out"), csr, QStringLiteral("-subj"),
+                        QStringLiteral("/CN=") + name}) &&
+               openssl({QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), csr,
+                        QStringLiteral("-CA"), file(ca), QStringLiteral("-CAkey"), key(ca),
+                        QStringLiteral("-CAcreateserial"), QStringLiteral("-out"), file(name),
+                        QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-extfile"), ext});
+    }
+
+private:
+    bool openssl(const QStringList& args)
+    {
+        QProcess p;
+        p.setWorkingDirectory(dir_.path());
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(QStringLiteral("openssl"), args);
+        if (p.waitForFinished(30000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0)
+            return true;
+        qWarning("openssl %s: %s", qPrintable(args.join(QLatin1Char(' '))), p.readAll().constData());
+        return false;
+    }
+
+    QTemporaryDir dir_;
 };
 
 // mosquitto_sub, which ends when its broker does; start() again after a broker restart (with
