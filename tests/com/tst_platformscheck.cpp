@@ -9,7 +9,6 @@
 
 using namespace OrviaGonioManager::Com;
 using OrviaGonioManager::Utils::GpsFormat;
-using OrviaGonioManager::Utils::GpsFormat_t;
 
 Q_DECLARE_METATYPE(GnxLink::GnxVersion_t)
 
@@ -17,29 +16,15 @@ namespace {
 
 const auto V1 = GnxLink::GNX_V1;
 const auto V2 = GnxLink::GNX_V2;
-const QString kV1Titles =
-    QStringLiteral("Orvia ID, Label, GPS Format Name, Repetition period, Mean Direction Values");
-const QString kV2Titles = QStringLiteral("Orvia ID, Label, GPS Format Name, Repetition period, Orvia Band, "
-                                         "Modulation, Frequency Mode, Narrow Mode Frequency");
 
-// A good line of each generation, with the fields to replace given by column.
-QString goodLine(GnxLink::GnxVersion_t version, const QMap<int, QString>& replaced = {})
+// A good line of each generation, with the field of the given column replaced.
+QString goodLine(GnxLink::GnxVersion_t version, int column = -1, const QString& value = {})
 {
-    QStringList fields = version == V1
-                             ? QStringList{"1A2B3", "Float", "FMT", "120", "7"}
-                             : QStringList{"1A2B3", "Float", "FMT", "120", "5", "1", "0", "401320000"};
-    for (auto it = replaced.begin(); it != replaced.end(); ++it)
-        fields[it.key()] = it.value();
+    QStringList fields =
+        QString(version == V1 ? "1A2B3,Float,FMT,120,7" : "1A2B3,Float,FMT,120,5,1,0,401320000").split(',');
+    if (column >= 0)
+        fields[column] = value;
     return fields.join(',');
-}
-
-GpsFormat_t format(const QString& name, qint32 dataLen, int encryptionType)
-{
-    GpsFormat_t f;
-    f.name = name;
-    f.dataLen = dataLen;
-    f.encryptionType = GpsFormat::EncryptionType_t(encryptionType);
-    return f;
 }
 
 } // namespace
@@ -53,120 +38,96 @@ class TestPlatformsCheck : public QObject
     // Header, a comment and an empty line, a good line (line 4), then the body.
     QString write(GnxLink::GnxVersion_t version, const QStringList& body)
     {
-        const QString path = dir_.filePath(QStringLiteral("platforms.csv"));
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            return {};
-        file.write((QStringList{PlatformsFile::header(version), "# field kit", "", goodLine(version)} + body)
-                       .join('\n')
-                       .toUtf8() +
-                   '\n');
-        return path;
+        QFile file(dir_.filePath(QStringLiteral("platforms.csv")));
+        const QStringList all{PlatformsFile::header(version), "# field kit", "", goodLine(version)};
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write((all + body).join('\n').toUtf8() + '\n');
+        return file.fileName();
+    }
+    static QString errorOf(const QString& path, GnxLink::GnxVersion_t version)
+    {
+        try {
+            PlatformsCheck::checkFile(path, version);
+            return QStringLiteral("no error");
+        } catch (const PlatformsCheck::Error& e) {
+            return e.message();
+        }
     }
 
 private slots:
     void initTestCase()
     {
         QByteArray text = "3\n";
-        for (const GpsFormat_t& f : {format("FMT", 192, 1), format("BADLEN", 0, 0), format("BADENC", 8, 7)})
+        OrviaGonioManager::Utils::GpsFormat_t f;
+        for (const auto& [name, dataLen, encryption] :
+             {std::tuple{"FMT", 192, 1}, std::tuple{"BADLEN", 0, 0}, std::tuple{"BADENC", 8, 7}}) {
+            f.name = name;
+            f.dataLen = dataLen;
+            f.encryptionType = GpsFormat::EncryptionType_t(encryption);
             text += GpsFormat::gpsFormatLine(f).toUtf8() + '\n';
+        }
         QBuffer buffer(&text);
         buffer.open(QIODevice::ReadOnly);
         GpsFormat::instance()->readGpsFormats(buffer);
     }
 
-    // Each kind of bad field, on line 5, followed by another bad line that is never reached.
+    // Each kind of bad line, after the good line 4, and followed by a bad line never reached.
+    // The checks both generations share are run on one.
     void badLine_data()
     {
         QTest::addColumn<GnxLink::GnxVersion_t>("version");
-        QTest::addColumn<QStringList>("body");
-        QTest::addColumn<int>("line");
-        QTest::addColumn<QString>("field");
-        QTest::addColumn<QString>("problem");
-        const auto row = [](const char* name, GnxLink::GnxVersion_t version, const QString& line,
-                            const QString& field, const QString& problem) {
-            QTest::addRow("GNX%d34 %s", int(version), name)
-                << version << QStringList{line, "ZZZZZ"} << 5 << field << problem;
+        QTest::addColumn<QStringList>("body"); // the bad line is the last but one
+        QTest::addColumn<QString>("error");    // after the file name and line number
+        const auto row = [](const QString& name, GnxLink::GnxVersion_t version, const QStringList& lines,
+                            const QString& error) {
+            QTest::addRow("GNX%d34 %s", int(version), qPrintable(name))
+                << version << lines + QStringList{"ZZZZZ"} << error;
         };
-        for (const auto version : {V1, V2}) {
-            const auto bad = [&](int column, const QString& value) {
-                return goodLine(version, {{column, value}});
-            };
-            const QString columns = version == V1
-                                        ? "%1 columns where a GNX134 line has 5 (" + kV1Titles + ")"
-                                        : "%1 columns where a GNX234 line has 8 (" + kV2Titles + ")";
-            row("too few columns", version, "1A2B3,Float,FMT,120", "", columns.arg(4));
-            row("comma in the label", version, bad(1, "north, east"), "", columns.arg(version == V1 ? 6 : 9));
-            row("the other generation's line", version, goodLine(version == V1 ? V2 : V1), "",
-                version == V1 ? columns.arg(8) + "; is it a GNX234 file?"
-                              : columns.arg(5) + "; is it a GNX134 file?");
-            for (const char* id : {"ZZZZZ", "123456", "1A2B3 ", ""})
-                row(qPrintable(QString("id \"%1\"").arg(id)), version, bad(0, id), "Orvia ID",
-                    QString("\"%1\" is not 5 or 7 hexadecimal digits").arg(id));
-            row("label with Ω", version, bad(1, "Cap Ω"), "Label",
-                "\"Cap Ω\" holds \"Ω\", which the receiver cannot take (Latin-1 characters only)");
-            for (const char* label : {"A*B", "$A"})
-                row(label, version, bad(1, label), "Label",
-                    QString("\"%1\" holds \"%2\", which would break the command sent to the receiver")
-                        .arg(label, QString(label).remove('A').remove('B')));
-            row("unknown format", version, bad(2, "NOPE"), "GPS Format Name",
-                "\"NOPE\" is not a known GPS format");
-            row("format name with *", version, bad(2, "F*"), "GPS Format Name",
-                "\"F*\" holds \"*\", which would break the command sent to the receiver");
-            row("format data length 0", version, bad(2, "BADLEN"), "GPS Format Name",
-                "GPS format \"BADLEN\" has data length 0; the receiver takes 1 to 254");
-            row("format encryption 7", version, bad(2, "BADENC"), "GPS Format Name",
-                "GPS format \"BADENC\" has encryption type 7; the receiver takes 0 to 2");
-            for (const char* period : {"65536", "-1", "12.5", "", "0x10", "99999999999999999999"})
-                row(qPrintable(QString("period \"%1\"").arg(period)), version, bad(3, period),
-                    "Repetition period", QString("\"%1\" is not a whole number from 0 to 65535").arg(period));
-        }
-        row("mean direction 256", V1, goodLine(V1, {{4, "256"}}), "Mean Direction Values",
-            "\"256\" is not a whole number from 0 to 255");
-        row("band 9", V2, goodLine(V2, {{4, "9"}}), "Orvia Band",
-            "\"9\" is not a known value: 0 (B1) to 8 (B9)");
-        row("band B1", V2, goodLine(V2, {{4, "B1"}}), "Orvia Band",
-            "\"B1\" is not a known value: 0 (B1) to 8 (B9)");
-        row("modulation 3", V2, goodLine(V2, {{5, "3"}}), "Modulation",
-            "\"3\" is not a known value: 0 (A2), 1 (A3) or 2 (A4)");
-        row("frequency mode 2", V2, goodLine(V2, {{6, "2"}}), "Frequency Mode",
-            "\"2\" is not a known value: 0 (NARROW) or 1 (WIDE)");
-        for (const char* frequency : {"-5", "2147483648"})
-            row(qPrintable(QString("narrow frequency %1").arg(frequency)), V2, goodLine(V2, {{7, frequency}}),
-                "Narrow Mode Frequency",
-                QString("\"%1\" is not a whole number from 0 to 2147483647").arg(frequency));
-        // Line 4 is the first platform: the one after the last slot is on line 4 + the slot count.
-        for (const auto& [version, slotTotal] : {std::pair{V1, 16}, std::pair{V2, 64}}) {
-            QTest::addRow("GNX%d34 one platform too many", int(version))
-                << version << QStringList(slotTotal, goodLine(version)) << 4 + slotTotal << QString()
-                << QString("one platform too many: a GNX%1 has %2 favourite slots")
-                       .arg(version == V1 ? "134" : "234")
-                       .arg(slotTotal);
+        const QString v1Titles = "Orvia ID, Label, GPS Format Name, Repetition period, Mean Direction Values";
+        const QString v2Titles =
+            v1Titles.section(", ", 0, 3) + ", Orvia Band, Modulation, Frequency Mode, Narrow Mode Frequency";
+        row("too few columns", V1, {"1A2B3,Float,FMT,120"},
+            ": 4 columns where a GNX134 line has 5 (" + v1Titles + ")");
+        row("GNX234 line", V1, {goodLine(V2)},
+            ": 8 columns where a GNX134 line has 5 (" + v1Titles + "); is it a GNX234 file?");
+        row("GNX134 line", V2, {goodLine(V1)},
+            ": 5 columns where a GNX234 line has 8 (" + v2Titles + "); is it a GNX134 file?");
+        row("one platform too many", V1, QStringList(16, goodLine(V1)),
+            ": one platform too many: a GNX134 has 16 favourite slots");
+        // By column, the bad values and the problem, %1 being the quoted value.
+        const QString whole = "%1 is not a whole number from 0 to ";
+        const std::tuple<GnxLink::GnxVersion_t, int, QStringList, QString> fields[] = {
+            {V1, 0, {"ZZZZZ", "123456", "1A2B3 ", ""}, "%1 is not 5 or 7 hexadecimal digits"},
+            {V1, 1, {"Cap Ω"}, "%1 holds \"Ω\", which the receiver cannot take (Latin-1 characters only)"},
+            {V1, 1, {"A$"}, "%1 holds \"$\", which would break the command sent to the receiver"},
+            {V1, 2, {"F*"}, "%1 holds \"*\", which would break the command sent to the receiver"},
+            {V1, 2, {"NOPE"}, "%1 is not a known GPS format"},
+            {V1, 2, {"BADLEN"}, "GPS format %1 has data length 0; the receiver takes 1 to 254"},
+            {V1, 2, {"BADENC"}, "GPS format %1 has encryption type 7; the receiver takes 0 to 2"},
+            {V1, 3, {"65536", "-1", "12.5", "", "0x10", QString(20, '9')}, whole + "65535"},
+            {V1, 4, {"256"}, whole + "255"},
+            {V2, 4, {"9"}, "%1 is not a known value: 0 (B1) to 8 (B9)"},
+            {V2, 5, {"3"}, "%1 is not a known value: 0 (A2), 1 (A3) or 2 (A4)"},
+            {V2, 6, {"2"}, "%1 is not a known value: 0 (NARROW) or 1 (WIDE)"},
+            {V2, 7, {"2147483648"}, whole + "2147483647"},
+        };
+        for (const auto& [version, column, values, problem] : fields) {
+            const QString title = (version == V1 ? v1Titles : v2Titles).split(", ")[column];
+            for (const QString& value : values)
+                row(title + " \"" + value + '"', version, {goodLine(version, column, value)},
+                    ", \"" + title + "\": " + QString(problem).arg('"' + value + '"'));
         }
     }
     void badLine()
     {
         QFETCH(GnxLink::GnxVersion_t, version);
         QFETCH(QStringList, body);
-        QFETCH(int, line);
-        QFETCH(QString, field);
-        QFETCH(QString, problem);
+        QFETCH(QString, error);
         const QString path = write(version, body);
-        try {
-            PlatformsCheck::checkFile(path, version);
-            QFAIL("no error");
-        } catch (const PlatformsCheck::Error& e) {
-            QCOMPARE(e.line(), line);
-            QCOMPARE(e.field(), field);
-            QCOMPARE(e.message(),
-                     field.isEmpty()
-                         ? QString("%1, line %2: %3").arg(path).arg(line).arg(problem)
-                         : QString("%1, line %2, \"%3\": %4").arg(path).arg(line).arg(field, problem));
-        }
+        QCOMPARE(errorOf(path, version), QString("%1, line %2").arg(path).arg(3 + body.size()) + error);
     }
 
-    // A good file: its platforms with their line numbers and resolved formats; format names are
-    // only texts when the receiver's formats are not known yet; a missing file is an error too.
+    // A good file: its platforms with their line numbers and resolved formats; a missing file.
     void goodFile_data()
     {
         QTest::addColumn<GnxLink::GnxVersion_t>("version");
@@ -176,13 +137,11 @@ private slots:
     void goodFile()
     {
         QFETCH(GnxLink::GnxVersion_t, version);
-        const QString path =
-            write(version,
-                  {"# next", goodLine(version, {{0, "abcdef1"}, {1, "Bouée à l'été"}, {2, ""}, {3, "0"}})});
-        const QList<PlatformsCheck::Line> lines = PlatformsCheck::checkFile(path, version);
-        QCOMPARE(lines.size(), 2);
-        QCOMPARE(lines[0].number, 4);
-        QCOMPARE(lines[1].number, 6);
+        const QList<PlatformsCheck::Line> lines = PlatformsCheck::checkFile(
+            write(version, {"# next", "abcdef1,Bouée à l'été,,0," + goodLine(version).section(',', 4)}),
+            version);
+        QCOMPARE((QList<int>{int(lines.size()), lines.value(0).number, lines.value(1).number}),
+                 (QList<int>{2, 4, 6}));
         QCOMPARE(lines[0].platform.gpsFormat, GpsFormat::instance()->getGpsFormat("FMT"));
         const GnxLink::PlatformInfo& p = lines[1].platform;
         QCOMPARE(p.gpsFormat, nullptr);
@@ -191,18 +150,8 @@ private slots:
         QCOMPARE(
             (QList<int>{p.meanDirectionValues, p.band, p.modulation, p.frequencyMode, p.narrowFrequency}),
             version == V1 ? (QList<int>{7, 0, 0, 0, 0}) : (QList<int>{0, 5, 1, 0, 401320000}));
-
-        const QString unknown = write(version, {goodLine(version, {{2, "ON-THE-RECEIVER"}})});
-        QCOMPARE(PlatformsCheck::checkFile(unknown, version, PlatformsCheck::Formats::TextOnly).size(), 2);
-
         const QString missing = dir_.filePath("missing.csv");
-        try {
-            PlatformsCheck::checkFile(missing, version);
-            QFAIL("no error");
-        } catch (const PlatformsCheck::Error& e) {
-            QCOMPARE(e.line(), 0);
-            QCOMPARE(e.message(), "Unable to open platforms file " + missing);
-        }
+        QCOMPARE(errorOf(missing, version), "Unable to open platforms file " + missing);
     }
 };
 
