@@ -12,6 +12,7 @@
 
 #include <QtMath>
 
+#include <algorithm>
 #include <cmath>
 
 namespace OrviaGonioManager::Geo::BearingExport {
@@ -37,6 +38,46 @@ QJsonArray positions(const std::vector<GeoPoint>& points)
     for (const GeoPoint& p : points)
         a.append(position(p));
     return a;
+}
+
+// RFC 7946 3.1.9: geometries crossing the antimeridian are cut there, so that tools do not draw
+// them round the globe.
+QJsonObject lineGeometry(const std::vector<GeoPoint>& line)
+{
+    const auto pieces = splitLine(line);
+    if (pieces.size() <= 1)
+        return {{"type", "LineString"}, {"coordinates", positions(pieces.empty() ? line : pieces[0])}};
+    QJsonArray parts;
+    for (const auto& piece : pieces)
+        parts.append(positions(piece));
+    return {{"type", "MultiLineString"}, {"coordinates", parts}};
+}
+
+QJsonObject polygonGeometry(const std::vector<GeoPoint>& ring)
+{
+    const auto parts = splitRing(ring);
+    if (parts.size() == 1)
+        return {{"type", "Polygon"}, {"coordinates", QJsonArray{positions(parts[0])}}};
+    QJsonArray polygons;
+    for (const auto& part : parts)
+        polygons.append(QJsonArray{positions(part)});
+    return {{"type", "MultiPolygon"}, {"coordinates", polygons}};
+}
+
+bool crosses(const GeoPoint& a, const GeoPoint& b)
+{
+    return std::abs(b.longitude - a.longitude) > 180.0;
+}
+
+bool same(const GeoPoint& a, const GeoPoint& b)
+{
+    return a.latitude == b.latitude && a.longitude == b.longitude;
+}
+
+void append(std::vector<GeoPoint>& points, const GeoPoint& p)
+{
+    if (points.empty() || !same(points.back(), p))
+        points.push_back(p);
 }
 
 QJsonObject feature(const QJsonObject& geometry, QJsonObject properties)
@@ -95,6 +136,40 @@ void writeCoordinates(QXmlStreamWriter& x, const std::vector<GeoPoint>& points)
     x.writeTextElement("coordinates", parts.join(QLatin1Char(' ')));
 }
 
+void kmlLine(QXmlStreamWriter& x, const std::vector<GeoPoint>& line)
+{
+    auto pieces = splitLine(line);
+    if (pieces.empty())
+        pieces.push_back(line);
+    if (pieces.size() > 1)
+        x.writeStartElement("MultiGeometry");
+    for (const auto& piece : pieces) {
+        x.writeStartElement("LineString");
+        writeCoordinates(x, piece);
+        x.writeEndElement();
+    }
+    if (pieces.size() > 1)
+        x.writeEndElement();
+}
+
+void kmlPolygon(QXmlStreamWriter& x, const std::vector<GeoPoint>& ring)
+{
+    const auto parts = splitRing(ring);
+    if (parts.size() > 1)
+        x.writeStartElement("MultiGeometry");
+    for (const auto& part : parts) {
+        x.writeStartElement("Polygon");
+        x.writeStartElement("outerBoundaryIs");
+        x.writeStartElement("LinearRing");
+        writeCoordinates(x, part);
+        x.writeEndElement();
+        x.writeEndElement();
+        x.writeEndElement();
+    }
+    if (parts.size() > 1)
+        x.writeEndElement();
+}
+
 void kmlPlacemark(QXmlStreamWriter& x, const QString& name, const QString& description)
 {
     x.writeStartElement("Placemark");
@@ -128,6 +203,77 @@ std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double m
     return line;
 }
 
+std::vector<std::vector<GeoPoint>> splitLine(const std::vector<GeoPoint>& line)
+{
+    std::vector<std::vector<GeoPoint>> pieces(1);
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (i > 0 && crosses(line[i - 1], line[i])) {
+            const GeoPoint &a = line[i - 1], &b = line[i];
+            const double edge = a.longitude > 0 ? 180.0 : -180.0;
+            // b moved by 360 degrees to a's side, so that the segment is continuous.
+            const double t = (edge - a.longitude) / (b.longitude + 2 * edge - a.longitude);
+            const double latitude = a.latitude + t * (b.latitude - a.latitude);
+            append(pieces.back(), {latitude, edge});
+            pieces.push_back({{latitude, -edge}});
+        }
+        append(pieces.back(), line[i]);
+    }
+    // A line starting or ending on the antimeridian leaves a piece of one point.
+    pieces.erase(std::remove_if(pieces.begin(), pieces.end(), [](const auto& p) { return p.size() < 2; }),
+                 pieces.end());
+    return pieces;
+}
+
+std::vector<std::vector<GeoPoint>> splitRing(const std::vector<GeoPoint>& ring)
+{
+    bool crossing = false;
+    for (size_t i = 1; i < ring.size(); ++i)
+        crossing = crossing || crosses(ring[i - 1], ring[i]);
+    if (!crossing)
+        return {ring};
+    // Longitudes made continuous: the ring becomes one shape reaching past +180 or -180.
+    std::vector<GeoPoint> u = ring;
+    double low = u[0].longitude, high = low;
+    for (size_t i = 1; i < u.size(); ++i) {
+        u[i].longitude = u[i - 1].longitude + wrap180(ring[i].longitude - ring[i - 1].longitude);
+        low = std::min(low, u[i].longitude);
+        high = std::max(high, u[i].longitude);
+    }
+    // Round a pole the ring does not come back to its start and has no side to be cut into.
+    if (std::abs(u.back().longitude - u.front().longitude) > 1e-9 || (high > 180.0 && low < -180.0))
+        return {ring};
+    const double edge = high > 180.0 ? 180.0 : -180.0;
+    const auto beyond = [edge](const GeoPoint& p) { return (p.longitude - edge) * edge; };
+    // Clipped on each side of the edge (Sutherland-Hodgman against one line).
+    std::vector<GeoPoint> here, there; // this side of the edge, and beyond it
+    for (size_t i = 0; i + 1 < u.size(); ++i) {
+        const GeoPoint &p = u[i], &q = u[i + 1];
+        const double sp = beyond(p), sq = beyond(q);
+        if (sp <= 0)
+            append(here, p);
+        if (sp >= 0)
+            append(there, p);
+        if ((sp < 0 && sq > 0) || (sp > 0 && sq < 0)) {
+            const double t = (edge - p.longitude) / (q.longitude - p.longitude);
+            const GeoPoint x{p.latitude + t * (q.latitude - p.latitude), edge};
+            append(here, x);
+            append(there, x);
+        }
+    }
+    for (GeoPoint& p : there)
+        p.longitude = p.longitude == edge ? -edge : p.longitude - 2 * edge;
+    std::vector<std::vector<GeoPoint>> parts;
+    for (std::vector<GeoPoint>* part : {&here, &there}) {
+        if (!part->empty() && same(part->back(), part->front()))
+            part->pop_back();
+        if (part->size() < 3)
+            continue; // only touches the edge
+        part->push_back(part->front());
+        parts.push_back(std::move(*part));
+    }
+    return parts;
+}
+
 QByteArray geoJson(const Content& c)
 {
     QJsonArray features;
@@ -137,18 +283,14 @@ QByteArray geoJson(const Content& c)
         const BearingSet::Platform& p = c.set->platforms().at(id);
         features.append(
             feature({{"type", "Point"}, {"coordinates", position(f.position)}}, fixProperties("fix", p, f)));
-        features.append(feature({{"type", "Polygon"}, {"coordinates", QJsonArray{positions(ellipseRing(f))}}},
-                                fixProperties("ellipse95", p, f)));
+        features.append(feature(polygonGeometry(ellipseRing(f)), fixProperties("ellipse95", p, f)));
     }
     forEachBearing(c, [&](const BearingSet::Platform& p, const Bearing& b, const Fix* f, size_t line) {
-        features.append(
-            feature({{"type", "LineString"},
-                     {"coordinates", positions(bearingLine(b.receiver, b.trueBearing, c.rangeMetres))}},
-                    bearingProperties(p, b, f, line)));
+        features.append(feature(lineGeometry(bearingLine(b.receiver, b.trueBearing, c.rangeMetres)),
+                                bearingProperties(p, b, f, line)));
     });
     if (c.set->track().size() >= 2)
-        features.append(feature({{"type", "LineString"}, {"coordinates", positions(c.set->track())}},
-                                {{"kind", "track"}}));
+        features.append(feature(lineGeometry(c.set->track()), {{"kind", "track"}}));
     const QJsonObject doc{{"type", "FeatureCollection"},
                           {"format", kFormat},
                           {"formatVersion", kVersion},
@@ -186,13 +328,7 @@ QByteArray kml(const Content& c)
         x.writeEndElement();
         x.writeEndElement();
         kmlPlacemark(x, QStringLiteral("Ellipse 95% %1").arg(name), text);
-        x.writeStartElement("Polygon");
-        x.writeStartElement("outerBoundaryIs");
-        x.writeStartElement("LinearRing");
-        writeCoordinates(x, ellipseRing(f));
-        x.writeEndElement();
-        x.writeEndElement();
-        x.writeEndElement();
+        kmlPolygon(x, ellipseRing(f));
         x.writeEndElement();
     }
     forEachBearing(c, [&](const BearingSet::Platform& p, const Bearing& b, const Fix* f, size_t line) {
@@ -204,16 +340,12 @@ QByteArray kml(const Content& c)
                          .arg(o["directionReference"].toString())
                          .arg(b.trueBearing)
                          .arg(o["status"].toString()));
-        x.writeStartElement("LineString");
-        writeCoordinates(x, bearingLine(b.receiver, b.trueBearing, c.rangeMetres));
-        x.writeEndElement();
+        kmlLine(x, bearingLine(b.receiver, b.trueBearing, c.rangeMetres));
         x.writeEndElement();
     });
     if (c.set->track().size() >= 2) {
         kmlPlacemark(x, QStringLiteral("Track"), QString());
-        x.writeStartElement("LineString");
-        writeCoordinates(x, c.set->track());
-        x.writeEndElement();
+        kmlLine(x, c.set->track());
         x.writeEndElement();
     }
     x.writeEndDocument();
@@ -221,6 +353,11 @@ QByteArray kml(const Content& c)
 }
 
 QByteArray gpx(const BearingSet& set)
+{
+    return gpx(Content{&set, set.fixes()});
+}
+
+QByteArray gpx(const Content& c)
 {
     QByteArray out;
     QXmlStreamWriter x(&out);
@@ -238,18 +375,35 @@ QByteArray gpx(const BearingSet& set)
         x.writeAttribute("lat", QString::number(p.latitude, 'f', 9));
         x.writeAttribute("lon", QString::number(p.longitude, 'f', 9));
     };
-    for (const auto& [id, p] : set.platforms())
+    for (const auto& [id, p] : c.set->platforms()) {
+        const auto fit = c.fixes.find(id);
+        if (fit != c.fixes.end() && fit->second.ok) {
+            const Fix& f = fit->second;
+            point("wpt", f.position);
+            x.writeTextElement("name", p.name());
+            x.writeTextElement("desc", QStringLiteral("fix; 95%: %1 m x %2 m at %3 deg")
+                                           .arg(f.semiMajor, 0, 'f', 1)
+                                           .arg(f.semiMinor, 0, 'f', 1)
+                                           .arg(f.orientation, 0, 'f', 1));
+            x.writeTextElement("type", "fix");
+            x.writeEndElement();
+        }
+        // A platform that stays put sends the same position again and again: one waypoint for it.
+        const GeoPoint* last = nullptr;
         for (const Bearing& b : p.bearings)
-            if (b.payload) {
+            if (b.payload && !(last && same(*last, *b.payload))) {
+                last = &*b.payload;
                 point("wpt", *b.payload);
                 x.writeTextElement("time", isoTime(b.time));
                 x.writeTextElement("name", p.name());
+                x.writeTextElement("type", "payload");
                 x.writeEndElement();
             }
+    }
     x.writeStartElement("trk");
     x.writeTextElement("name", "Receiver");
     x.writeStartElement("trkseg");
-    for (const GeoPoint& p : set.track()) {
+    for (const GeoPoint& p : c.set->track()) {
         point("trkpt", p);
         x.writeEndElement();
     }

@@ -22,7 +22,7 @@ struct Fix
     enum Status
     {
         Used,
-        Outlier,  // its residual exceeded three times the RMS
+        Outlier,  // its residual was beyond what Gaussian errors would give
         Excluded, // left out by the user
     };
 
@@ -42,14 +42,19 @@ struct Fix
 
 namespace BearingFix {
 constexpr int kMinPoints = 3;
-constexpr double kMinSpread = 20.0;  // degrees between the bearings
-constexpr double kConfidence = 0.95; // of the ellipse
-constexpr double kOutlierRms = 3.0;
+constexpr double kMinSpread = 20.0;     // degrees between the lines where they cross
+constexpr double kConfidence = 0.95;    // of the ellipse
+constexpr double kOutlierRisk = 0.01;   // chance of leaving out any bearing of Gaussian data
+constexpr double kMaxRange = 2000000.0; // metres, geodesic, from a point to the fix
 
-// Weighted least squares on the bearings (each weighted by the inverse square of its distance,
-// as Stansfield does), in a gnomonic projection re-centred on the estimate until it settles,
-// seeded by the plain intersection. Outliers are left out one round at a time.
+// The position that minimises the sum of squared angular residuals (measured bearing minus the
+// geodesic azimuth to the position), by Gauss-Newton from the plain intersection. A bearing is left
+// out when its studentised residual is beyond the 1% family-wise Student t quantile for the number
+// of bearings; left-out bearings are tested again as the fix moves.
 Fix solve(const std::vector<BearingLine>& lines);
+
+// The Student t quantile t such that P(|T| > t) = tail with dof degrees of freedom.
+double studentT(double tail, int dof);
 } // namespace BearingFix
 
 } // namespace OrviaGonioManager::Geo

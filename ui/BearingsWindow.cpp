@@ -512,7 +512,7 @@ void BearingsWindow::exportFile(const QString& what)
                                                   range_->value() * 1000.0};
         const QByteArray data = what == QLatin1String("GeoJSON") ? Geo::BearingExport::geoJson(content)
                                 : what == QLatin1String("KML")   ? Geo::BearingExport::kml(content)
-                                                                 : Geo::BearingExport::gpx(set_);
+                                                                 : Geo::BearingExport::gpx(content);
         Geo::BearingExport::save(fileName, data);
     } catch (const MRL::Utils::Exception& e) {
         MRL::Ui::Dialogs::instance().critical(this, QStringLiteral("Bearings"), e.message());
