@@ -21,8 +21,7 @@ namespace {
 struct Run
 {
     int code = -1;
-    QByteArray out;
-    QByteArray err;
+    QByteArray out, err;
 };
 
 QList<QJsonObject> jsonLines(const QByteArray& text)
@@ -39,6 +38,18 @@ int lineCount(const QByteArray& text)
     return int(text.count('\n'));
 }
 
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& data)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly) && f.write(data) == data.size();
+}
+
 } // namespace
 
 class TestGnxctl : public QObject
@@ -51,6 +62,14 @@ private:
     QStringList slots_; // the favourites before the command
 
     QString port() const { return dir_.filePath("gnx"); }
+
+    QStringList slotsNow() const
+    {
+        QStringList s;
+        for (int i = 0; i < 8; ++i)
+            s << sim_->platformSlot(i).join(',');
+        return s;
+    }
 
     bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40,
                   int baud = 0)
@@ -68,31 +87,27 @@ private:
         return sim_->start();
     }
 
-    // Runs gnxctl; onStderr sees each chunk of standard error as it comes.
-    Run gnxctl(const QStringList& args, const QString& extraPorts = {},
-               const std::function<void(const QByteArray&)>& onStderr = {}, const QByteArray& onOut = {},
-               const std::function<void()>& whenOut = {})
+    // Runs gnxctl (or program); watch sees each chunk of standard error (or none) and all the output so far.
+    Run run(
+        const QStringList& args, const QString& extraPorts = {}, const QString& program = GNXCTL_PATH,
+        const std::function<void(const QByteArray&, const QByteArray&)>& watch = [](const QByteArray&,
+                                                                                    const QByteArray&) {})
     {
         QProcess p;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("GNX_EXTRA_PORTS", extraPorts);
         p.setProcessEnvironment(env);
         Run r;
-        bool fired = false;
         connect(&p, &QProcess::readyReadStandardError, &p, [&] {
             const QByteArray chunk = p.readAllStandardError();
             r.err += chunk;
-            if (onStderr)
-                onStderr(chunk);
+            watch(chunk, r.out);
         });
         connect(&p, &QProcess::readyReadStandardOutput, &p, [&] {
             r.out += p.readAllStandardOutput();
-            if (whenOut && !fired && r.out.count('\n') >= onOut.toInt()) {
-                fired = true;
-                whenOut();
-            }
+            watch({}, r.out);
         });
-        p.start(GNXCTL_PATH, args);
+        p.start(program, args);
         if (!p.waitForFinished(60000))
             p.kill();
         r.out += p.readAllStandardOutput();
@@ -106,111 +121,78 @@ private:
         return QStringList{"--port", port()} + args.split(' ', Qt::SkipEmptyParts);
     }
 
-    // What the row's command must have done; empty when it did.
-    QString verify(const QString& what, const QString& model, const Run& r, const QString& file)
+    // Whether the row's command did what it must: check as commands_data() describes it.
+    bool verify(const QString& what, const QString& model, const Run& r, const QString& file)
     {
-        const QString modelName = model.toUpper();
+        const QByteArray modelName = model.toUpper().toLatin1();
         const int records = sim_->flashRecordCount();
-        if (what == "info") {
-            if (!r.out.contains("model: " + modelName.toLatin1()) ||
-                !r.out.contains("serialNumber: " +
-                                sim_->serialNumber().split('-').value(0).rightJustified(4, '0').toLatin1()))
-                return r.out;
-        } else if (what == "info json" || what == "bootloader") {
+        if (what == "info")
+            return r.out.contains("model: " + modelName) &&
+                   r.out.contains("serialNumber: " +
+                                  sim_->serialNumber().split('-').value(0).rightJustified(4, '0').toLatin1());
+        if (what == "info json" || what == "bootloader") {
             const QJsonObject o = QJsonDocument::fromJson(r.out).object();
-            if (o["model"].toString() != modelName ||
-                o["mode"].toString() != (what == "bootloader" ? "bl" : "app"))
-                return r.out;
-        } else if (what == "clock" || what == "synced" || what == "synced now") {
+            return o["model"].toString() == modelName &&
+                   o["mode"].toString() == (what == "bootloader" ? "bl" : "app");
+        }
+        if (what == "clock" || what.startsWith("synced")) {
             // Shown to the minute the receiver keeps, never with invented seconds.
             const QDateTime shown = QDateTime::fromString(QString(r.out).trimmed(), "yyyy-MM-ddTHH:mmZ");
-            const QDateTime now = QDateTime::currentDateTimeUtc();
-            const QDateTime clock = sim_->clock();
-            const QDateTime expected = what == "clock" ? clock : now;
-            if (!shown.isValid() || shown.toString("HH:mm") != expected.toString("HH:mm"))
-                return "shown " + r.out + " for " + expected.toString(Qt::ISODate);
+            const QDateTime now = QDateTime::currentDateTimeUtc(), clock = sim_->clock();
             // Set at the minute's boundary, the receiver keeps the computer's time to the second;
             // --now leaves it behind by the seconds already past, and says so.
-            if (what == "synced" && qAbs(clock.secsTo(now)) > 1)
-                return QString("the receiver's clock is %1 s off").arg(clock.secsTo(now));
-            if (what == "synced now" && clock.time().second() > 1 && !r.err.contains("s behind"))
-                return r.err;
-        } else if (what == "reply") {
-            if (!r.out.startsWith(modelName.toLatin1() + ','))
-                return r.out;
-        } else if (what == "jsonl") {
-            const auto objects = jsonLines(r.out);
-            if (objects.size() != records ||
-                !QDateTime::fromString(objects.value(0)["time"].toString(), Qt::ISODateWithMs).isValid())
-                return QString("%1 objects for %2 records").arg(objects.size()).arg(records);
-        } else if (what == "csv") {
-            const QByteArray header =
-                OrviaGonioManager::Utils::RxTableModel::headerTexts().join(',').toLatin1() + '\n';
-            if (!r.out.startsWith(header) || lineCount(r.out) != records + 1)
-                return QString("%1 lines for %2 records").arg(lineCount(r.out)).arg(records);
-        } else if (what == "npr file") {
-            QFile f(file);
-            if (!f.open(QIODevice::ReadOnly) || lineCount(f.readAll()) != records || !r.out.isEmpty())
-                return "the file holds no line a record";
-        } else if (what == "erased") {
-            if (records != 0)
-                return QString("%1 records left").arg(records);
-        } else if (what == "live") {
-            if (jsonLines(r.out).size() != 3 || jsonLines(r.out).value(2)["origin"].toString() != "live")
-                return r.out;
-        } else if (what == "platforms round trip") { // the file brings back the same slots
-            QStringList before;
-            for (int i = 0; i < 8; ++i)
-                before << sim_->platformSlot(i).join(',');
-            const Run import = gnxctl(withPort("platforms import " + file));
-            for (int i = 0; i < 8; ++i)
-                if (sim_->platformSlot(i).join(',') != before[i])
-                    return QString("slot %1 changed: %2").arg(i).arg(QString(import.err));
-        } else if (what == "script round trip") { // played back, every line reaches the receiver
-            QFile f(file);
-            f.open(QIODevice::ReadOnly);
-            const QList<QByteArray> lines = f.readAll().split('\n').mid(0, -1);
+            return shown.isValid() &&
+                   shown.toString("HH:mm") == (what == "clock" ? clock : now).toString("HH:mm") &&
+                   (what != "synced" || qAbs(clock.secsTo(now)) <= 1) &&
+                   (what != "synced now" || clock.time().second() <= 1 || r.err.contains("s behind"));
+        }
+        if (what == "reply")
+            return r.out.startsWith(modelName + ',');
+        if (what == "jsonl")
+            return jsonLines(r.out).size() == records &&
+                   QDateTime::fromString(jsonLines(r.out).value(0)["time"].toString(), Qt::ISODateWithMs)
+                       .isValid();
+        if (what == "csv")
+            return r.out.startsWith(
+                       OrviaGonioManager::Utils::RxTableModel::headerTexts().join(',').toLatin1() + '\n') &&
+                   lineCount(r.out) == records + 1;
+        if (what == "npr file")
+            return lineCount(readFile(file)) == records && r.out.isEmpty();
+        if (what == "erased")
+            return records == 0;
+        if (what == "live")
+            return jsonLines(r.out).size() == 3 && jsonLines(r.out).value(2)["origin"].toString() == "live";
+        if (what == "platforms round trip") { // the file brings back the same slots
+            const QStringList before = slotsNow();
+            return run(withPort("platforms import " + file)).code == 0 && slotsNow() == before;
+        }
+        if (what == "script round trip") { // played back, every line reaches the receiver
+            const QList<QByteArray> lines = readFile(file).split('\n').mid(0, -1);
             sim_->clearReceived();
-            const Run played = gnxctl(withPort("script run " + file));
-            if (played.code != 0 || lines.isEmpty() || !lines[0].startsWith("$SETUPSW,") ||
-                sim_->receivedLines().size() < lines.size() + 1) // the connection's own requests too
-                return QString("%1 lines, %2 received: %3")
-                    .arg(lines.size())
-                    .arg(sim_->receivedLines().size())
-                    .arg(QString(played.err));
-        } else if (what == "setups" || what == "setups written") {
+            return run(withPort("script run " + file)).code == 0 && !lines.isEmpty() &&
+                   lines[0].startsWith("$SETUPSW,") &&
+                   sim_->receivedLines().size() >= lines.size() + 1; // the connection's own requests too
+        }
+        if (what == "setups" || what == "setups written") {
             const QJsonObject o =
-                QJsonDocument::fromJson(what == "setups" ? r.out : gnxctl(withPort("setup get --json")).out)
+                QJsonDocument::fromJson(what == "setups" ? r.out : run(withPort("setup get --json")).out)
                     .object();
             const QJsonObject sw = o["software"].toObject(), hw = o["hardware"].toObject();
-            if (!sw.contains("contrast") || !hw.contains("cableLength") ||
-                (what == "setups written" &&
-                 (sw["contrast"].toInt() != 7 || hw["cableLength"].toInt() != 12)))
-                return r.out;
-        } else if (what == "upgraded") {
-            if (sim_->applicationVersion() != "7.7.7")
-                return sim_->applicationVersion();
-        } else if (what == "to bootloader") {
-            if (sim_->mode() != gnxsim::Mode::Bl)
-                return "still in the application";
-        } else if (what.startsWith("slots kept:")) { // a failed import leaves every slot as it was
-            for (int i = 0; i < 8; ++i)
-                if (sim_->platformSlot(i).join(',') != slots_.value(i))
-                    return QString("slot %1 changed: %2").arg(i).arg(QString(r.err));
-            if (!r.err.contains(what.mid(11).toLatin1()))
-                return r.err;
-            if (what.contains("restored") && !QFile::exists(file + ".bak"))
-                return "no backup file";
-        } else if (what == "quiet") {
-            if (!r.err.isEmpty() || lineCount(r.out) != records + 1)
-                return r.err;
-        } else if (what.startsWith("out:")) {
-            if (!r.out.contains(what.mid(4).toLatin1()))
-                return r.out;
-        } else if (!what.isEmpty() && !r.err.contains(what.toLatin1())) {
-            return r.err;
+            return sw.contains("contrast") && hw.contains("cableLength") &&
+                   (what == "setups" || (sw["contrast"].toInt() == 7 && hw["cableLength"].toInt() == 12));
         }
-        return {};
+        if (what == "upgraded")
+            return sim_->applicationVersion() == "7.7.7";
+        if (what == "to bootloader")
+            return sim_->mode() == gnxsim::Mode::Bl;
+        if (what.startsWith("slots kept:")) // a failed import leaves every slot as it was
+            return slotsNow() == slots_ && r.err.contains(what.mid(11).toLatin1()) &&
+                   (!what.contains("restored") || QFile::exists(file + ".bak"));
+        if (what == "quiet")
+            return r.err.isEmpty() && lineCount(r.out) == records + 1;
+        if (what.startsWith("out:"))
+            return r.out.contains(what.mid(4).toLatin1());
+        return r.err.contains(what.toLatin1());
     }
 
 private slots:
@@ -224,6 +206,10 @@ private slots:
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("check");    // what verify() looks at, or a text standard error holds
         QTest::addColumn<QByteArray>("input"); // written to %f first, when not empty
+        const auto row = [](const char* name, const char* model, const char* args, int code, const char* what,
+                            const QByteArray& input = {}) {
+            QTest::newRow(name) << QString(model) << QString(args) << code << QString(what) << input;
+        };
         const auto both = [](const char* name, const char* args, int code, const char* what) {
             for (const char* model : {"gnx134", "gnx234"})
                 QTest::addRow("%s %s", model, name)
@@ -232,10 +218,8 @@ private slots:
         both("info", "info", 0, "info");
         both("info json", "info --json", 0, "info json");
         both("time get", "time get", 0, "clock");
-        QTest::newRow("gnx234 time sync") << "gnx234"
-                                          << "time sync" << 0 << "synced" << QByteArray();
-        QTest::newRow("gnx134 time sync now") << "gnx134"
-                                              << "time sync --now" << 0 << "synced now" << QByteArray();
+        row("gnx234 time sync", "gnx234", "time sync", 0, "synced");
+        row("gnx134 time sync now", "gnx134", "time sync --now", 0, "synced now");
         both("send", "send TEST", 0, "reply");
         both("flash jsonl", "flash read --format jsonl", 0, "jsonl");
         both("flash csv", "flash read", 0, "csv");
@@ -245,10 +229,6 @@ private slots:
         both("setup get", "setup get --json", 0, "setups");
         both("platforms", "platforms export %f", 0, "platforms round trip");
         both("script", "script save %f", 0, "script round trip");
-        const auto row = [](const char* name, const char* model, const char* args, int code, const char* what,
-                            const QByteArray& input = {}) {
-            QTest::newRow(name) << QString(model) << QString(args) << code << QString(what) << input;
-        };
         row("gnx234 setup set", "gnx234", "setup set %f", 0, "setups written",
             R"({"software": {"contrast": 7}, "hardware": {"cableLength": 12}})");
         row("bad setup file", "gnx234", "setup set %f", 2, "software.loudness: no such field",
@@ -315,37 +295,29 @@ private slots:
         QVERIFY(startSim(how[0], args.startsWith("monitor") ? 30 : 0, how.contains("bl")));
         const QString file = dir_.filePath(QString(QTest::currentDataTag()).replace(' ', '_'));
         QFile::remove(file);
-        if (!input.isEmpty()) {
-            QFile f(file);
-            QVERIFY(f.open(QIODevice::WriteOnly) && f.write(input) == input.size());
-        }
-        if (how.contains("stalled"))
-            sim_->setStalled(true);
+        QVERIFY(input.isEmpty() || writeFile(file, input));
+        sim_->setStalled(how.contains("stalled"));
         if (how.contains("refuse"))
             sim_->setRefusedSlot(1);
-        slots_.clear();
-        for (int i = 0; i < 8; ++i)
-            slots_ << sim_->platformSlot(i).join(',');
-        QString line = args;
-        const Run r =
-            gnxctl(line.startsWith("--version") ? QStringList{args} : withPort(line.replace("%f", file)));
-        QVERIFY2(r.code == code, qPrintable(QString("exit %1: %2").arg(r.code).arg(QString(r.err))));
-        const QString failed = verify(check == "%f" ? file : check, how[0], r, file);
-        QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        slots_ = slotsNow();
+        const Run r = run(args.startsWith("--version") ? QStringList{args}
+                                                       : withPort(QString(args).replace("%f", file)));
+        QVERIFY2(r.code == code && verify(check == "%f" ? file : check, how[0], r, file),
+                 qPrintable(QString("exit %1, %2 records, clock %3:\n%4\n%5")
+                                .arg(r.code)
+                                .arg(sim_->flashRecordCount())
+                                .arg(sim_->clock().toString(Qt::ISODate), QString(r.out), QString(r.err))));
     }
 
     void outputs_data()
     {
         QTest::addColumn<QString>("command"); // %o: the target
         QTest::addColumn<QString>("kind");
-        QTest::newRow("flash read onto a FIFO") << "flash read --format npr -o %o"
-                                                << "fifo";
-        QTest::newRow("flash read onto -") << "flash read --format npr -o %o"
-                                           << "dash";
-        QTest::newRow("platforms export onto a link") << "platforms export %o"
-                                                      << "link";
-        QTest::newRow("script save onto a 0600 file") << "script save %o"
-                                                      << "private";
+        QTest::newRow("flash read onto a FIFO")
+            << QString("flash read --format npr -o %o") << QString("fifo");
+        QTest::newRow("flash read onto -") << QString("flash read --format npr -o %o") << QString("dash");
+        QTest::newRow("platforms export onto a link") << QString("platforms export %o") << QString("link");
+        QTest::newRow("script save onto a 0600 file") << QString("script save %o") << QString("private");
     }
 
     // What is not a regular file is written in place, never replaced; a link stays a link; a
@@ -358,40 +330,28 @@ private slots:
         const QString target = dir_.filePath("target"), real = dir_.filePath("real");
         QFile::remove(target);
         QFile::remove(real);
-        const auto put = [](const QString& path) {
-            QFile f(path);
-            return f.open(QIODevice::WriteOnly) && f.write("old") == 3;
-        };
         QProcess reader;
         if (kind == "fifo") {
             QCOMPARE(::mkfifo(QFile::encodeName(target).constData(), 0644), 0);
             reader.start("cat", {target});
             QVERIFY(reader.waitForStarted());
         } else if (kind == "link") {
-            QVERIFY(put(real) && QFile::link(real, target));
+            QVERIFY(writeFile(real, "old") && QFile::link(real, target));
         } else if (kind == "private") {
-            QVERIFY(put(target) && QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner));
+            QVERIFY(writeFile(target, "old") &&
+                    QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner));
         }
-        const Run r = gnxctl(withPort(command.replace("%o", kind == "dash" ? "-" : target)));
+        const Run r = run(withPort(command.replace("%o", kind == "dash" ? "-" : target)));
         QVERIFY2(r.code == 0, r.err);
-        QByteArray written = r.out;
         struct stat st = {};
         QCOMPARE(kind == "dash" ? 0 : ::lstat(QFile::encodeName(target).constData(), &st), 0);
-        if (kind == "fifo") {
-            QVERIFY(reader.waitForFinished(30000));
-            written = reader.readAllStandardOutput();
-            QVERIFY(S_ISFIFO(st.st_mode));
-        } else if (kind == "link") {
-            QVERIFY(S_ISLNK(st.st_mode));
-            QFile f(real);
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            written = f.readAll();
-        } else if (kind == "private") {
-            QCOMPARE(st.st_mode & 0777, 0600u);
-            QFile f(target);
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            written = f.readAll();
-        }
+        if (kind == "fifo")
+            QVERIFY(S_ISFIFO(st.st_mode) && reader.waitForFinished(30000));
+        else if (kind != "dash")
+            QVERIFY2(kind == "link" ? S_ISLNK(st.st_mode) : (st.st_mode & 0777) == 0600, qPrintable(kind));
+        const QByteArray written = kind == "fifo"   ? reader.readAllStandardOutput()
+                                   : kind == "dash" ? r.out
+                                                    : readFile(kind == "link" ? real : target);
         QVERIFY2(written.size() > 100 && !written.startsWith("old"), written);
         if (command.startsWith("flash"))
             QCOMPARE(lineCount(written), sim_->flashRecordCount());
@@ -402,93 +362,78 @@ private slots:
     void talkingReceiver()
     {
         QVERIFY(startSim("gnx234", 10, false, 0, 115200));
-        for (int i = 0; i < 16; ++i) {
-            const Run r = gnxctl(withPort(i % 2 ? "platforms export" : "info"));
-            QVERIFY2(r.code == 0, qPrintable(QString("run %1: %2").arg(i).arg(QString(r.err))));
-        }
+        for (int i = 0; i < 16; ++i)
+            QVERIFY2(run(withPort(i % 2 ? "platforms export" : "info")).code == 0,
+                     qPrintable(QString::number(i)));
     }
 
     // Without --port: the only receiver found, or a list when there are several.
     void discovery()
     {
         QVERIFY(startSim("gnx234"));
-        QCOMPARE(gnxctl({"info"}, port()).code, 0);
-        const Run several = gnxctl({"info"}, port() + ":" + dir_.path());
-        QCOMPARE(several.code, 3);
-        QVERIFY2(several.err.contains(port().toLatin1()) && several.err.contains("several receivers"),
-                 several.err);
-        const Run none = gnxctl({"--port", dir_.filePath("absent"), "info"});
-        QCOMPARE(none.code, 3);
-        const Run notSerial = gnxctl({"--port", GNXCTL_PATH, "info"});
-        QCOMPARE(notSerial.code, 3);
-        QVERIFY2(notSerial.err.contains("is not a serial port (a regular file)"), notSerial.err);
-        const Run nothing = gnxctl({"info"});
-        QCOMPARE(nothing.code, 3);
-        QVERIFY2(nothing.err.contains("no receiver found") && nothing.err.contains("GNX_EXTRA_PORTS"),
-                 nothing.err);
-        const Run listed = gnxctl({"ports"}, port());
-        QCOMPARE(listed.out, (port() + "\t-\tGNX_EXTRA_PORTS\n").toLatin1());
+        QCOMPARE(run({"info"}, port()).code, 0);
+        QCOMPARE(run({"ports"}, port()).out, (port() + "\t-\tGNX_EXTRA_PORTS\n").toLatin1());
+        // Arguments, GNX_EXTRA_PORTS, and what standard error says.
+        const QList<std::tuple<QStringList, QString, QStringList>> failures{
+            {{"info"}, port() + ":" + dir_.path(), {port(), "several receivers"}},
+            {{"--port", dir_.filePath("absent"), "info"}, {}, {}},
+            {{"--port", GNXCTL_PATH, "info"}, {}, {"is not a serial port (a regular file)"}},
+            {{"info"}, {}, {"no receiver found", "GNX_EXTRA_PORTS"}},
+        };
+        for (const auto& [args, extraPorts, said] : failures) {
+            const Run r = run(args, extraPorts);
+            QCOMPARE(r.code, 3);
+            for (const QString& text : said)
+                QVERIFY2(r.err.contains(text.toLatin1()), r.err);
+        }
     }
 
-    void unplugged_data()
+    void interrupted_data()
     {
         QTest::addColumn<QString>("command");
-        QTest::newRow("flash read") << "flash read --format jsonl";
-        QTest::newRow("monitor") << "monitor --format jsonl";
+        QTest::newRow("unplugged in flash read") << QString("flash read --format jsonl");
+        QTest::newRow("unplugged in monitor") << QString("monitor --format jsonl");
+        QTest::newRow("broken pipe in monitor") << QString("monitor --format npr");
+        QTest::newRow("broken pipe in flash read") << QString("flash read --format csv");
     }
 
-    // The receiver pulled out part-way: exit code 1, what was already taken written out.
-    void unplugged()
+    // The receiver pulled out part-way: exit code 1, what was already taken written out. A reader
+    // that stops early, as `monitor | head` does: a quiet end with code 0.
+    void interrupted()
     {
         QFETCH(QString, command);
         const bool monitor = command.startsWith("monitor");
-        QVERIFY(startSim("gnx234", monitor ? 20 : 0, false, monitor ? 0 : 2000));
-        Run r;
-        if (monitor) {
-            r = gnxctl(withPort(command), {}, {}, "2", [&] { sim_->unplug(); });
-        } else {
-            r = gnxctl(withPort(command), {}, [&](const QByteArray& chunk) {
-                if (chunk.contains("Flash read: ") && !chunk.contains(": 0 of") && sim_->isPlugged())
+        const bool unplug = QByteArray(QTest::currentDataTag()).startsWith("unplugged");
+        QVERIFY(startSim("gnx234", monitor ? 20 : 0, false, monitor && unplug ? 0 : 2000));
+        if (!unplug) {
+            const Run shell = run({"-c", "set -o pipefail; \"$0\" --port \"$1\" " + command + " | head -n 2",
+                                   GNXCTL_PATH, port()},
+                                  {}, "bash");
+            QCOMPARE(lineCount(shell.out), 2);
+            QVERIFY2(!shell.err.contains("gnxctl:"), shell.err); // progress lines only
+            QCOMPARE(shell.code, 0);
+            return;
+        }
+        const Run r =
+            run(withPort(command), {}, GNXCTL_PATH, [&](const QByteArray& chunk, const QByteArray& out) {
+                if (sim_->isPlugged() &&
+                    (monitor ? lineCount(out) >= 2
+                             : chunk.contains("Flash read: ") && !chunk.contains(": 0 of")))
                     sim_->unplug();
             });
-        }
         QCOMPARE(r.code, 1);
         const auto objects = jsonLines(r.out);
         QVERIFY2(objects.size() >= (monitor ? 2 : 1), r.err);
         QVERIFY(!objects.last()["time"].toString().isEmpty()); // whole lines only
     }
 
-    void brokenPipe_data()
-    {
-        QTest::addColumn<QString>("command");
-        QTest::newRow("monitor") << "monitor --format npr";
-        QTest::newRow("flash read") << "flash read --format csv";
-    }
-
-    // A reader that stops early, as `monitor | head` does: a quiet end with code 0.
-    void brokenPipe()
-    {
-        QFETCH(QString, command);
-        QVERIFY(startSim("gnx234", command.startsWith("monitor") ? 20 : 0, false, 2000));
-        QProcess shell;
-        shell.start("bash", {"-c", "set -o pipefail; \"$0\" --port \"$1\" " + command + " | head -n 2",
-                             GNXCTL_PATH, port()});
-        QVERIFY(shell.waitForFinished(60000));
-        QCOMPARE(lineCount(shell.readAllStandardOutput()), 2);
-        const QByteArray err = shell.readAllStandardError();
-        QVERIFY2(!err.contains("gnxctl:"), err); // progress lines only
-        QCOMPARE(shell.exitCode(), 0);
-    }
-
     // The command line links the core alone: no Gui, no Widgets.
     void noGuiLibraries()
     {
-        QProcess ldd;
-        ldd.start("ldd", {GNXCTL_PATH});
-        QVERIFY(ldd.waitForFinished(30000));
-        const QByteArray libraries = ldd.readAllStandardOutput();
-        QVERIFY(libraries.contains("libQt6Core"));
-        QVERIFY2(!libraries.contains("libQt6Gui") && !libraries.contains("libQt6Widgets"), libraries);
+        const QByteArray libraries = run({GNXCTL_PATH}, {}, "ldd").out;
+        QVERIFY2(libraries.contains("libQt6Core") && !libraries.contains("libQt6Gui") &&
+                     !libraries.contains("libQt6Widgets"),
+                 libraries);
     }
 };
 
