@@ -104,6 +104,9 @@ private:
 
     void sendDeferred();
     bool dropToFrameStart();
+    // A runaway line is logged by its head only.
+    static QString shortened(const QByteArray& bytes);
+    static constexpr int kLoggedLineChars = 80;
     void processLines();
     void handleLine(const QString& line);
     bool decode(const QString& line, GnxFrame::DecodedLine& decoded);
