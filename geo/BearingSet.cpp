@@ -1,6 +1,8 @@
 #include "geo/BearingSet.h"
 
 #include "mrl/utils/DateTime.h"
+#include "utils/FlashDecoder.h"
+#include "utils/PlatformNumber.h"
 
 #include <algorithm>
 #include <atomic>
@@ -18,31 +20,30 @@ QString Bearing::key() const
         .arg(receiver.longitude, 0, 'f', 6);
 }
 
-QString BearingSet::platformKey(const QString& id)
-{
-    QString key = id.trimmed().toUpper();
-    while (key.size() > 5 && key.startsWith(QLatin1Char('0')))
-        key.remove(0, 1);
-    return key;
-}
-
 Bearing BearingSet::fromRow(const Utils::RxTableModel::Row& row, bool relative)
 {
     const Com::OrviaRxMessage_t& m = row.message;
     Bearing b;
-    b.platformId = platformKey(m.platformId);
-    b.favourite = !row.index.isEmpty();
-    b.label = row.label;
+    b.platformId = row.byNumber.platform.isEmpty() ? Utils::PlatformNumber::shortest(m.platformId)
+                                                   : row.byNumber.platform;
+    b.favourite = row.byNumber.favourite;
+    b.label = row.byNumber.label;
     b.time = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime().toMSecsSinceEpoch();
     b.receiver = {m.gnxLatitude, m.gnxLongitude};
     // A receiver without a fix reports 0, 0.
     b.receiverValid = m.flagBit0 && (m.gnxLatitude != 0.0 || m.gnxLongitude != 0.0);
+    if (!b.receiverValid)
+        b.noPosition = QStringLiteral("No position");
+    else if (row.flash && Utils::FlashDecoder::atLongitudeLimit(m.gnxLongitude)) {
+        b.receiverValid = false;
+        b.noPosition = QStringLiteral("Longitude at the flash record's limit");
+    }
     b.direction = m.direction;
     b.heading = m.gnxDirection;
     b.relative = relative;
     b.trueBearing = relative ? wrap360(b.direction + b.heading) : b.direction;
-    if (row.payloadPosition)
-        b.payload = GeoPoint{row.payloadLatitude, row.payloadLongitude};
+    if (row.byNumber.payloadPosition)
+        b.payload = GeoPoint{row.byNumber.payloadLatitude, row.byNumber.payloadLongitude};
     return b;
 }
 

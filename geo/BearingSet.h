@@ -22,6 +22,7 @@ struct Bearing
     qint64 time = 0; // ms since the epoch, UTC
     GeoPoint receiver;
     bool receiverValid = false;      // the receiver knew its position
+    QString noPosition;              // why the receiver's position is not used, when it is not
     double direction = 0.0;          // as the receiver measured it
     double heading = 0.0;            // the receiver's heading then
     bool relative = false;           // direction was taken as relative to the heading
@@ -49,8 +50,6 @@ public:
         QString name() const { return label.isEmpty() ? id : QStringLiteral("%1 (%2)").arg(label, id); }
     };
 
-    // One platform whatever the width it is written in ("33BBA", "0033BBA").
-    static QString platformKey(const QString& id);
     // Taken as from north unless relative.
     static Bearing fromRow(const Utils::RxTableModel::Row& row, bool relative);
 

@@ -8,6 +8,8 @@
 #include <QJsonArray>
 #include <QtMath>
 
+#include <cstdio>
+
 namespace gnxsim {
 
 using namespace DeviceRules;
@@ -433,6 +435,16 @@ QByteArray Device::payloadFor(const QStringList* sp, const QString& platformId, 
 
 void Device::store(const RxReport& r)
 {
+    // The record cannot hold it: the real receiver keeps the limit, and so do we, but say so.
+    if ((r.longitude > FlashLayout::longitudeMax || r.longitude < FlashLayout::longitudeMin) &&
+        !m_longitudeWarned.contains(r.platformId)) {
+        m_longitudeWarned.insert(r.platformId);
+        fprintf(stderr,
+                "gnxsim: warning: the receiver at longitude %.5f cannot be stored in a flash record "
+                "(it holds %.2f to %.2f degrees); the records of platform %s keep the limit\n",
+                r.longitude / 60000.0, FlashLayout::longitudeMin / 60000.0, FlashLayout::longitudeMax / 60000.0,
+                qPrintable(r.platformId));
+    }
     if (m_model == Model::Gnx134) {
         if (r.platformIndex < 0)
             return; // only favourites have a place

@@ -11,6 +11,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <QRandomGenerator>
+#include <QSet>
 #include <QStringList>
 #include <QVector>
 
@@ -178,6 +179,7 @@ private:
     Upload m_upload;
     quint64 m_revision = 0;
     qint64 m_liveReports = 0;
+    QSet<QString> m_longitudeWarned; // platforms whose flash records could not hold the longitude
     std::shared_ptr<const Scenario> m_scenario;
     std::mt19937 m_noiseRng;
     QDateTime m_scenarioStart; // the receiver at the start of its path

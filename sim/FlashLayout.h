@@ -17,6 +17,9 @@ QByteArray gnx234Record(const RxReport& report);
 // Longest payload each layout can hold.
 constexpr int gnx134MaxPayload = 32;
 constexpr int gnx234MaxPayload = 63;
+// The longitude field: 23 bits and a sign, in 1/60000 degree (about ±139.81°); the latitude has 24.
+constexpr qint64 longitudeMax = (qint64(1) << 23) - 1;
+constexpr qint64 longitudeMin = -(qint64(1) << 23);
 } // namespace FlashLayout
 
 } // namespace gnxsim

@@ -359,7 +359,7 @@ void BearingsWindow::fillBearingList()
         use->setFlags(use->flags() | Qt::ItemIsUserCheckable);
         use->setCheckState(b.use ? Qt::Checked : Qt::Unchecked);
         use->setData(Qt::UserRole, b.key());
-        QString status = QStringLiteral("No position");
+        QString status = b.noPosition;
         QString residual;
         if (b.receiverValid && fixesReady() && fit != fixes_.end() && line < fit->second.status.size()) {
             const Fix& f = fit->second;

@@ -5,6 +5,7 @@
 
 #include <QtEndian>
 
+#include <cmath>
 #include <cstring>
 
 namespace OrviaGonioManager::Utils {
@@ -169,6 +170,12 @@ void FlashDecoder::decodeDump(const QByteArray& dump, const RecordSink& sink)
             return; // end mark, or erased memory
         offset = next;
     }
+}
+
+bool FlashDecoder::atLongitudeLimit(double longitude)
+{
+    const double raw = std::round(longitude * 60000.0);
+    return raw >= kLongitudeMax || raw <= kLongitudeMin;
 }
 
 } // namespace OrviaGonioManager::Utils

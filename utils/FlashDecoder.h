@@ -31,6 +31,12 @@ public:
     static Com::OrviaRxMessage_t decodePlatformHeader(const uchar* header, qsizetype size, int& payloadBytes);
     static Com::OrviaRxMessage_t decodeDumpHeader(const uchar* header, qsizetype size, int& payloadBytes);
 
+    // The longitude field holds 23 bits and a sign, ±139.81°: a receiver further east or west is
+    // stored at the limit, so a position there is not where the receiver was.
+    static constexpr qint32 kLongitudeMax = (1 << 23) - 1; // 1/60000 degree
+    static constexpr qint32 kLongitudeMin = -(1 << 23);
+    static bool atLongitudeLimit(double longitude);
+
     // A 28-bit identifier as 7 upper-case hexadecimal digits.
     static QString platformIdText(quint32 platformId);
 };

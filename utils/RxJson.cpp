@@ -15,6 +15,7 @@ QJsonObject rxJson(const RxTableModel::Row& row)
         {QStringLiteral("mjd"), qint64(m.mjd)},
         {QStringLiteral("secondsOfDay"), m.secondsOfDay},
         {QStringLiteral("platformId"), m.platformId},
+        {QStringLiteral("platform"), row.byNumber.platform},
         {QStringLiteral("frequency"), qint64(m.frequency)},
         {QStringLiteral("flagBit2"), m.flagBit2},
         {QStringLiteral("flagBit1"), m.flagBit1},
@@ -30,12 +31,12 @@ QJsonObject rxJson(const RxTableModel::Row& row)
         {QStringLiteral("gnxDirection"), qint64(m.gnxDirection)},
         {QStringLiteral("payload"), QString::fromLatin1(m.payload.toHex().toUpper())},
         {QStringLiteral("payloadLatitude"),
-         row.payloadPosition ? QJsonValue(row.payloadLatitude) : QJsonValue()},
+         row.byNumber.payloadPosition ? QJsonValue(row.byNumber.payloadLatitude) : QJsonValue()},
         {QStringLiteral("payloadLongitude"),
-         row.payloadPosition ? QJsonValue(row.payloadLongitude) : QJsonValue()},
+         row.byNumber.payloadPosition ? QJsonValue(row.byNumber.payloadLongitude) : QJsonValue()},
     };
-    if (!row.label.isEmpty())
-        o.insert(QStringLiteral("label"), row.label);
+    if (!row.byNumber.label.isEmpty())
+        o.insert(QStringLiteral("label"), row.byNumber.label);
     return o;
 }
 

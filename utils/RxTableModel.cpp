@@ -3,6 +3,7 @@
 #include "mrl/utils/DateTime.h"
 #include "utils/CoordinateText.h"
 #include "utils/GpsFormat.h"
+#include "utils/PlatformNumber.h"
 
 #include <QDateTime>
 #include <QMetaEnum>
@@ -86,7 +87,7 @@ QStringList RxTableModel::headerTexts()
 
 RxTableModel::Row RxTableModel::makeRow(const OrviaRxMessage_t& message, GnxLink::RxOrigin_t origin,
                                         const Favourite* favourite, GnxLink::GnxVersion_t version,
-                                        int slotCount)
+                                        int slotCount, const Favourite* sameNumber)
 {
     Row r;
     r.message = message;
@@ -94,6 +95,17 @@ RxTableModel::Row RxTableModel::makeRow(const OrviaRxMessage_t& message, GnxLink
     // A GNX134 favourite report also carries the platform's mean direction.
     r.withAverage =
         version == GnxLink::GNX_V1 && message.platformIndex >= 0 && message.platformIndex != slotCount;
+    r.byNumber.platform = PlatformNumber::shortest(message.platformId);
+    if (!sameNumber)
+        sameNumber = favourite;
+    if (sameNumber) {
+        r.byNumber.favourite = true;
+        r.byNumber.label = sameNumber->label;
+        if (!sameNumber->gpsFormat.isEmpty())
+            r.byNumber.payloadPosition = GpsFormat::instance()->decodePosition(
+                sameNumber->gpsFormat, PlatformNumber::positionPayload(message), r.byNumber.payloadLatitude,
+                r.byNumber.payloadLongitude);
+    }
     if (!favourite)
         return r;
     r.index = favourite->index;
@@ -107,6 +119,29 @@ RxTableModel::Row RxTableModel::makeRow(const OrviaRxMessage_t& message, GnxLink
     r.payloadPosition = GpsFormat::instance()->decodePosition(favourite->gpsFormat, payload,
                                                               r.payloadLatitude, r.payloadLongitude);
     return r;
+}
+
+RxTableModel::Row RxTableModel::byNumber(const Row& row)
+{
+    Row r = row;
+    r.label = row.byNumber.label;
+    r.payloadPosition = row.byNumber.payloadPosition;
+    r.payloadLatitude = row.byNumber.payloadLatitude;
+    r.payloadLongitude = row.byNumber.payloadLongitude;
+    return r;
+}
+
+void RxTableModel::setFavourites(QHash<QString, Favourite> favourites)
+{
+    favourites_ = std::move(favourites);
+    byNumber_.clear();
+    // Two entries with one number: the lower slot is the one the receiver matches first.
+    for (auto it = favourites_.cbegin(); it != favourites_.cend(); ++it) {
+        const QString number = PlatformNumber::shortest(it.key());
+        const auto known = byNumber_.constFind(number);
+        if (known == byNumber_.cend() || it->index.toInt() < known->index.toInt())
+            byNumber_.insert(number, *it);
+    }
 }
 
 QString RxTableModel::cellText(const Row& r, int column, GnxLink::CoordType_t coordType)
@@ -158,7 +193,9 @@ RxTableModel::Row RxTableModel::rowFor(const OrviaRxMessage_t& message, GnxLink:
                                        GnxLink::GnxVersion_t version, int slotCount) const
 {
     const auto it = favourites_.constFind(message.platformId);
-    return makeRow(message, origin, it == favourites_.cend() ? nullptr : &*it, version, slotCount);
+    const auto same = byNumber_.constFind(PlatformNumber::shortest(message.platformId));
+    return makeRow(message, origin, it == favourites_.cend() ? nullptr : &*it, version, slotCount,
+                   same == byNumber_.cend() ? nullptr : &*same);
 }
 
 void RxTableModel::addRows(std::vector<Row> rows)

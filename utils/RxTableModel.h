@@ -62,18 +62,35 @@ public:
         bool payloadPosition = false;
         bool flash = false;
         bool withAverage = false; // GNX134 favourite: the direction shows the platform's mean
+
+        // Beside the table (Bearings, gnxctl, stations) a platform is its number: the favourite
+        // with the same number, and the payload position as PlatformNumber reads the bytes.
+        struct ByNumber
+        {
+            QString platform; // shortest form
+            QString label;
+            bool favourite = false;
+            double payloadLatitude = 0.0;
+            double payloadLongitude = 0.0;
+            bool payloadPosition = false;
+        } byNumber;
     };
 
     explicit RxTableModel(QObject* parent = nullptr);
 
     static QStringList headerTexts();
     // The row a message makes, and its cell texts.
+    // favourite has the message's identifier text; sameNumber its number (favourite when null).
     static Row makeRow(const Com::OrviaRxMessage_t& message, Com::GnxLink::RxOrigin_t origin,
-                       const Favourite* favourite, Com::GnxLink::GnxVersion_t version, int slotCount);
+                       const Favourite* favourite, Com::GnxLink::GnxVersion_t version, int slotCount,
+                       const Favourite* sameNumber = nullptr);
+    // The row with its label and payload position taken by number, as the tools beside the table
+    // show it.
+    static Row byNumber(const Row& row);
     static QString cellText(const Row& row, int column, Com::GnxLink::CoordType_t coordType);
 
     // The identifier -> favourite lookup for messages to come.
-    void setFavourites(QHash<QString, Favourite> favourites) { favourites_ = std::move(favourites); }
+    void setFavourites(QHash<QString, Favourite> favourites);
     // Rows entered one by one (live) or together (flash), each as if put at the top in turn.
     void addRows(std::vector<Row> rows);
     Row rowFor(const Com::OrviaRxMessage_t& message, Com::GnxLink::RxOrigin_t origin,
@@ -113,6 +130,7 @@ private:
     std::vector<Row> rows_;
     std::vector<int> visible_; // indexes into rows_, ascending
     QHash<QString, Favourite> favourites_;
+    QHash<QString, Favourite> byNumber_; // by PlatformNumber::shortest
     QString filter_;
     Com::GnxLink::CoordType_t coordType_ = Com::GnxLink::COORDTYPE_DEG;
 };

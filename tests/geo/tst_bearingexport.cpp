@@ -30,9 +30,9 @@ RxTableModel::Row row(const QString& id, int second, const GeoPoint& at, double 
     r.message.gnxLatitude = at.latitude;
     r.message.gnxLongitude = at.longitude;
     r.message.direction = quint16(std::lround(direction) % 360);
-    r.payloadPosition = bool(payload);
-    r.payloadLatitude = payload.value_or(GeoPoint{}).latitude;
-    r.payloadLongitude = payload.value_or(GeoPoint{}).longitude;
+    r.byNumber.payloadPosition = bool(payload);
+    r.byNumber.payloadLatitude = payload.value_or(GeoPoint{}).latitude;
+    r.byNumber.payloadLongitude = payload.value_or(GeoPoint{}).longitude;
     return r;
 }
 

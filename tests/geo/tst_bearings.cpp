@@ -332,8 +332,9 @@ private slots:
             m.platformId = s->platforms()[size_t(i % 3)].id, m.mjd = 61000, m.secondsOfDay = i * 10;
             m.flagBit0 = true, m.gnxLatitude = o.pose.position.lat, m.gnxLongitude = o.pose.position.lon;
             m.direction = quint16(std::lround(o.direction) % 360);
-            row.payloadPosition = i % 3 == 0;
-            row.payloadLatitude = truth(*s, 0).latitude, row.payloadLongitude = truth(*s, 0).longitude;
+            row.byNumber.payloadPosition = i % 3 == 0;
+            row.byNumber.payloadLatitude = truth(*s, 0).latitude;
+            row.byNumber.payloadLongitude = truth(*s, 0).longitude;
             set.add(row);
         }
         BearingExport::Content content{&set, set.fixes(), 20000};
