@@ -1,5 +1,7 @@
-// The exports across the antimeridian, read back by GDAL, and a GPX waypoint for every platform.
+// The exports across the antimeridian, read back by GDAL, a GPX waypoint for every platform, and
+// receiver positions that a flash record could not hold.
 #include "geo/BearingExport.h"
+#include "utils/FlashDecoder.h"
 #include "utils/RxTableModel.h"
 
 #include <QJsonArray>
@@ -166,6 +168,42 @@ private slots:
         QCOMPARE(texts(data, "name"), (QStringList{"11111", "22222", "22222", "Receiver"}));
         QCOMPARE(texts(data, "type"), (QStringList{"fix", "payload", "payload"}));
         QCOMPARE(texts(data, "trkpt").size(), 4);
+    }
+
+    // A flash record keeps a receiver east of about 139.81°E at the field's limit: those bearings
+    // are marked and kept out of the fix, the track and the antenna check. A live report there is a
+    // true position.
+    void flashLongitudeLimit()
+    {
+        const double limit = OrviaGonioManager::Utils::FlashDecoder::kLongitudeMax / 60000.0;
+        const GeoPoint platform{35.0, 139.7};
+        std::vector<RxTableModel::Row> rows;
+        for (int i = 0; i < 12; ++i) {
+            const GeoPoint at = Geodesy::destination(platform, i * 30.0, 20000);
+            rows.push_back(row("2A1B3", i * 10, at, Geodesy::bearing(at, platform), platform));
+        }
+        for (int i = 0; i < 4; ++i) {
+            const GeoPoint at{35.0 + 0.01 * i, limit};
+            rows.push_back(
+                row("002A1B3", 200 + i, at, i < 3 ? 0.0 : Geodesy::bearing(at, platform), platform));
+            rows.back().flash = i < 3;
+        }
+        const BearingSet set = setOf(std::move(rows));
+        const BearingSet::Platform& p = set.platforms().at("2A1B3");
+        QCOMPARE(int(p.bearings.size()), 16);
+        QCOMPARE(std::count_if(p.bearings.begin(), p.bearings.end(),
+                               [](const Bearing& b) {
+                                   return !b.receiverValid &&
+                                          b.noPosition == "Longitude at the flash record's limit";
+                               }),
+                 3);
+        const Fix f = set.fix("2A1B3");
+        QVERIFY2(f.ok, qPrintable(f.reason));
+        QCOMPARE(int(BearingSet::lines(p).size()), 13);
+        QCOMPARE(f.used + f.outliers, 13);
+        QVERIFY(Geodesy::distance(f.position, platform) < 100); // whole degrees: about 0.13° at 20 km
+        QCOMPARE(set.antennaCheck(0).error.count, 13);
+        QCOMPARE(texts(BearingExport::gpx(set), "trkpt").size(), 13);
     }
 };
 

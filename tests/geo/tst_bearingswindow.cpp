@@ -1,5 +1,7 @@
 // The Bearings window against the emulator driving past platforms, over a pseudo-terminal: the
-// flash memory read into the RX table gives a fix per platform near its true position, the
+// flash memory read into the RX table gives a fix per platform near its true position, each
+// platform keeps its label and payload positions whatever width the flash record gives its
+// identifier, the
 // antenna check finds the emulator's bias, "Apply to setup" fills the angle offset (which writes
 // the software setup, as any change of it does), the window follows the RX table's filter, and a bearing
 // unticked by hand leaves the fix.
@@ -117,6 +119,26 @@ private slots:
                                        sent.first().split(',').value(7) == QString::number(*suggested),
                  qPrintable(sent.join("|")));
 
+        // Each platform by its number, however the flash record writes it ("0033BBA" on a GNX234):
+        // its label, and the payload position of every message, from flash and live alike, is the
+        // one the emulator put there.
+        for (int slot = 0; slot < 3; ++slot)
+            QVERIFY(sim_->emitNpr(slot, true));
+        QTRY_COMPARE_WITH_TIMEOUT(window_->rxModel()->allRowCount(), 94, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(bearings()->bearings().platforms().at("3CA97").bearings.size(), size_t(31),
+                                  5000);
+        for (const auto& platform : scenario_->platforms()) {
+            const auto& p = bearings()->bearings().platforms().at(platform.id);
+            QCOMPARE(p.label, platform.label);
+            QCOMPARE(int(p.bearings.size()), 31);
+            for (const auto& b : p.bearings) {
+                QVERIFY2(b.payload, qPrintable(platform.id));
+                const double off = OrviaGonioManager::Geo::Geodesy::distance(
+                    *b.payload, {platform.position.lat, platform.position.lon});
+                QVERIFY2(off < 2, qPrintable(QString("%1: payload %2 m off").arg(platform.id).arg(off)));
+            }
+        }
+
         // One platform through the RX table's filter.
         ui()->lineEditRxIdFilter->setText("33BBA");
         QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady() && bearings()->fixes().size() == 1, 5000);
@@ -126,7 +148,7 @@ private slots:
         auto* platform = bearings()->findChild<QComboBox*>("comboBoxBearingsPlatform");
         platform->setCurrentIndex(platform->findData("33BBA"));
         auto* list = bearings()->findChild<QTableWidget*>("tableWidgetBearingsList");
-        QCOMPARE(list->rowCount(), 30);
+        QCOMPARE(list->rowCount(), 31);
         const int used = bearings()->fixes().at("33BBA").used;
         list->item(0, 0)->setCheckState(Qt::Unchecked);
         QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady(), 5000);

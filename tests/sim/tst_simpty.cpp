@@ -4,6 +4,7 @@
 
 #include "sim/PtySimulator.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -68,6 +69,44 @@ private slots:
         QCOMPARE(sim.exitStatus(), QProcess::NormalExit);
         QCOMPARE(sim.exitCode(), 0);
         QVERIFY(!QFileInfo(link).isSymLink());
+    }
+
+    // A flash record holds longitudes within about ±139.81°: beyond, the emulator stores the limit as
+    // the receiver does, and says so once per platform.
+    void flashLongitudeWarning_data()
+    {
+        QTest::addColumn<double>("longitude");
+        QTest::addColumn<int>("warnings");
+        QTest::newRow("at 139.8") << 139.8 << 0;
+        QTest::newRow("at 170") << 170.0 << 2;
+        QTest::newRow("at -175") << -175.0 << 2;
+    }
+    void flashLongitudeWarning()
+    {
+        QFETCH(double, longitude);
+        QFETCH(int, warnings);
+        QTemporaryDir dir;
+        QFile scenario(dir.filePath("east.json"));
+        QVERIFY(scenario.open(QIODevice::WriteOnly));
+        scenario.write(QString(R"({"receiver": {"path": [[60.0, %1], [60.01, %1]], "speed": 10},
+            "platforms": [{"id": "2A1B3", "position": [60.05, %1]}, {"id": "1A3CA97", "position": [59.95, %1]}]})")
+                           .arg(longitude)
+                           .toUtf8());
+        scenario.close();
+        QProcess sim;
+        sim.start(GNXSIM_EXE, {"--scenario", scenario.fileName(), "--flash-records", "20"});
+        QVERIFY(sim.waitForReadyRead(10000)); // the slave path: the flash memory is filled by then
+        sim.terminate();
+        QVERIFY(sim.waitForFinished(10000));
+        const QStringList lines =
+            QString::fromLocal8Bit(sim.readAllStandardError()).split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), warnings);
+        for (const QString& line : lines)
+            QVERIFY2(
+                line.startsWith(
+                    QString("gnxsim: warning: the receiver at longitude %1").arg(longitude, 0, 'f', 5)) &&
+                    line.contains("cannot be stored in a flash record (it holds -139.81 to 139.81 degrees)"),
+                qPrintable(line));
     }
 
     void formatsFileIsTheShippedOne()

@@ -1,12 +1,16 @@
 #include "mrl/utils/Exception.h"
+#include "utils/FlashDecoder.h"
 #include "utils/FlashMemory.h"
+#include "utils/PlatformNumber.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
 using OrviaGonioManager::Com::GnxLink;
 using OrviaGonioManager::Com::OrviaRxMessage_t;
+using OrviaGonioManager::Utils::FlashDecoder;
 using OrviaGonioManager::Utils::FlashMemory;
+namespace PlatformNumber = OrviaGonioManager::Utils::PlatformNumber;
 
 namespace {
 
@@ -79,9 +83,27 @@ QVariantMap decodeOne(int layout, const Values& v = {})
     const OrviaRxMessage_t m = out.value(0);
 #define M(member) std::pair<QString, QVariant>(#member, m.member)
 #define D(member) std::pair<QString, QVariant>(#member, QString::number(m.member, 'f', 5)) // degrees
-    return {M(platformIndex), M(mjd),      M(secondsOfDay), M(platformId),   M(frequency),    M(flagBit2),
-            M(flagBit1),      M(flagBit0), M(direction),    M(v1FlashValue), M(band),         M(extraCode),
-            M(level),         M(period),   D(gnxLatitude),  D(gnxLongitude), M(gnxDirection), M(payload)};
+    return {M(platformIndex),
+            M(mjd),
+            M(secondsOfDay),
+            M(platformId),
+            M(frequency),
+            M(flagBit2),
+            M(flagBit1),
+            M(flagBit0),
+            M(direction),
+            M(v1FlashValue),
+            M(band),
+            M(extraCode),
+            M(level),
+            M(period),
+            D(gnxLatitude),
+            D(gnxLongitude),
+            M(gnxDirection),
+            M(payload),
+            {"atLongitudeLimit", FlashDecoder::atLongitudeLimit(m.gnxLongitude)},
+            {"number", PlatformNumber::shortest(m.platformId)},
+            {"positionPayload", PlatformNumber::positionPayload(m)}};
 #undef M
 #undef D
 }
@@ -113,26 +135,38 @@ private slots:
             row("period max", {{"E", 65535}}, {{"period", 65535u}});
             row("latitude min", {{"lat", -16777216}}, {{"gnxLatitude", "-279.62027"}});
             row("latitude max", {{"lat", 16777215}}, {{"gnxLatitude", "279.62025"}});
-            row("longitude min", {{"lon", -8388608}}, {{"gnxLongitude", "-139.81013"}});
-            row("longitude max", {{"lon", 8388607}}, {{"gnxLongitude", "139.81012"}});
+            // A receiver beyond the field is stored at its limit: a position there is not trusted.
+            row("longitude min", {{"lon", -8388608}},
+                {{"gnxLongitude", "-139.81013"}, {"atLongitudeLimit", true}});
+            row("longitude max", {{"lon", 8388607}},
+                {{"gnxLongitude", "139.81012"}, {"atLongitudeLimit", true}});
+            row("longitude inside", {{"lon", -8388607}}, {{"gnxLongitude", "-139.81012"}});
             row("heading max", {{"G", 511}}, {{"gnxDirection", 511u}});
             row("last second of 2127",
                 {{"year", 127}, {"month", 12}, {"day", 31}, {"hour", 23}, {"minute", 59}, {"second", 59}},
                 {{"mjd", 98294u}, {"secondsOfDay", 86399.0}});
             if (layout == PlatformDump) {
                 row("C max", {{"C", 511}}, {{"v1FlashValue", 511}});
-                row("payload code 7", {{"code", 7}}, {{"payload", kPayload.left(32)}});
+                row("payload code 7", {{"code", 7}},
+                    {{"payload", kPayload.left(32)}, {"positionPayload", kPayload.left(32)}});
                 continue;
             }
             row("F1", {{"F1", 1}}, {{"flagBit2", true}});
             row("band max", {{"H", 15}}, {{"band", 15}});
             row("K max", {{"K", 7}}, {{"extraCode", 7}});
-            row("identifier 0x12345", {{"id", 0x12345}}, {{"platformId", "0012345"}});
-            row("identifier max", {{"id", 0xFFFFFFF}}, {{"platformId", "FFFFFFF"}});
-            row("payload of 17 bits", {{"bits", 17}}, {{"payload", kPayload.left(3).mid(1)}});
-            row("payload of 511 bits", {{"bits", 511}}, {{"payload", kPayload.left(64).mid(1)}});
+            // Beside the RX table the platform is its number, and a GPS format reads the payload
+            // with a zero in front only where the filler byte was dropped.
+            row("identifier 0x12345", {{"id", 0x12345}}, {{"platformId", "0012345"}, {"number", "12345"}});
+            row("identifier 0x100000", {{"id", 0x100000}},
+                {{"platformId", "0100000"}, {"number", "0100000"}});
+            row("identifier max", {{"id", 0xFFFFFFF}}, {{"platformId", "FFFFFFF"}, {"number", "FFFFFFF"}});
+            row("payload of 17 bits", {{"bits", 17}},
+                {{"payload", kPayload.left(3).mid(1)}, {"positionPayload", '\0' + kPayload.left(3).mid(1)}});
+            row("payload of 511 bits", {{"bits", 511}},
+                {{"payload", kPayload.left(64).mid(1)},
+                 {"positionPayload", '\0' + kPayload.left(64).mid(1)}});
             row("K 2 keeps the first byte", {{"bits", 15}, {"K", 2}},
-                {{"payload", kPayload.left(2)}, {"extraCode", 2}});
+                {{"payload", kPayload.left(2)}, {"extraCode", 2}, {"positionPayload", kPayload.left(2)}});
         }
     }
 
@@ -144,9 +178,12 @@ private slots:
         QFETCH(QVariantMap, expected);
         QVariantMap want = decodeOne(layout);
         const bool platform = layout == PlatformDump;
-        QCOMPARE(QVariantList({want["mjd"], want["platformIndex"], want["platformId"], want["payload"]}),
+        QCOMPARE(QVariantList({want["mjd"], want["platformIndex"], want["platformId"], want["payload"],
+                               want["number"], want["positionPayload"]}),
                  QVariantList({51544u, platform ? 5 : -1, platform ? kPlatformId : "0000000",
-                               platform ? kPayload.left(4) : kPayload.left(4).mid(1)})); // 2000-01-01
+                               platform ? kPayload.left(4) : kPayload.left(4).mid(1), // 2000-01-01
+                               platform ? kPlatformId : "00000",
+                               platform ? kPayload.left(4) : '\0' + kPayload.left(4).mid(1)}));
         want.insert(expected);
         const QVariantMap got = decodeOne(layout, values);
         for (auto it = want.cbegin(); it != want.cend(); ++it)
