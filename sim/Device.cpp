@@ -442,8 +442,8 @@ void Device::store(const RxReport& r)
         fprintf(stderr,
                 "gnxsim: warning: the receiver at longitude %.5f cannot be stored in a flash record "
                 "(it holds %.2f to %.2f degrees); the records of platform %s keep the limit\n",
-                r.longitude / 60000.0, FlashLayout::longitudeMin / 60000.0, FlashLayout::longitudeMax / 60000.0,
-                qPrintable(r.platformId));
+                r.longitude / 60000.0, FlashLayout::longitudeMin / 60000.0,
+                FlashLayout::longitudeMax / 60000.0, qPrintable(r.platformId));
     }
     if (m_model == Model::Gnx134) {
         if (r.platformIndex < 0)

@@ -95,29 +95,40 @@ RxTableModel::Row RxTableModel::makeRow(const OrviaRxMessage_t& message, GnxLink
     // A GNX134 favourite report also carries the platform's mean direction.
     r.withAverage =
         version == GnxLink::GNX_V1 && message.platformIndex >= 0 && message.platformIndex != slotCount;
-    r.byNumber.platform = PlatformNumber::shortest(message.platformId);
+    if (favourite) {
+        r.index = favourite->index;
+        r.label = favourite->label;
+        if (!favourite->gpsFormat.isEmpty()) {
+            // Restores the filler byte that 28-bit identifiers put in front of the data.
+            QByteArray payload = message.payload;
+            if (message.platformId.size() == 7)
+                payload.prepend('\0');
+            r.payloadPosition = GpsFormat::instance()->decodePosition(favourite->gpsFormat, payload,
+                                                                      r.payloadLatitude, r.payloadLongitude);
+        }
+    }
+
+    Row::ByNumber& n = r.byNumber;
+    n.platform = PlatformNumber::shortest(message.platformId);
     if (!sameNumber)
         sameNumber = favourite;
-    if (sameNumber) {
-        r.byNumber.favourite = true;
-        r.byNumber.label = sameNumber->label;
-        if (!sameNumber->gpsFormat.isEmpty())
-            r.byNumber.payloadPosition = GpsFormat::instance()->decodePosition(
-                sameNumber->gpsFormat, PlatformNumber::positionPayload(message), r.byNumber.payloadLatitude,
-                r.byNumber.payloadLongitude);
+    if (!sameNumber)
+        return r;
+    n.favourite = true;
+    n.label = sameNumber->label;
+    if (sameNumber->gpsFormat.isEmpty())
+        return r;
+    // Most messages read the same bytes with the same format as the table: decoded once.
+    const bool sameBytes = message.platformId.size() != 7 || message.extraCode != 2;
+    if (sameNumber == favourite && sameBytes) {
+        n.payloadPosition = r.payloadPosition;
+        n.payloadLatitude = r.payloadLatitude;
+        n.payloadLongitude = r.payloadLongitude;
+    } else {
+        n.payloadPosition = GpsFormat::instance()->decodePosition(sameNumber->gpsFormat,
+                                                                  PlatformNumber::positionPayload(message),
+                                                                  n.payloadLatitude, n.payloadLongitude);
     }
-    if (!favourite)
-        return r;
-    r.index = favourite->index;
-    r.label = favourite->label;
-    if (favourite->gpsFormat.isEmpty())
-        return r;
-    // Restores the filler byte that 28-bit identifiers put in front of the data.
-    QByteArray payload = message.payload;
-    if (message.platformId.size() == 7)
-        payload.prepend('\0');
-    r.payloadPosition = GpsFormat::instance()->decodePosition(favourite->gpsFormat, payload,
-                                                              r.payloadLatitude, r.payloadLongitude);
     return r;
 }
 
