@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSerialPortInfo>
 #include <QThread>
 #include <QTimer>
@@ -106,6 +107,7 @@ void GnxLink::startLink(UartLink* link)
     connect(link, &UartLink::sigReplyReceived, this, &GnxLink::slotReplyReceived, Qt::QueuedConnection);
     connect(link, &UartLink::sigBinaryRfpDataReceived, this, &GnxLink::slotBinaryRfpDataReceived,
             Qt::QueuedConnection);
+    connect(link, &UartLink::sigBinaryProgress, this, &GnxLink::slotBinaryProgress, Qt::QueuedConnection);
     connect(link, &UartLink::sigRxReceived, this, &GnxLink::slotRxReceived, Qt::QueuedConnection);
     connect(link, &UartLink::sigErrorOccured, this, &GnxLink::slotErrorOccured, Qt::QueuedConnection);
 
@@ -262,6 +264,13 @@ void GnxLink::slotReplyReceived(QStringList replyValues, bool isError)
     requestPending_ = false;
 }
 
+void GnxLink::slotBinaryProgress(qint64 bytes)
+{
+    if (isFromCurrentLink() && flashBlockDone_ >= 0 && requestPending_)
+        emit sigFlashProgress(qMin(flashBlockDone_ + qMin<qint64>(bytes, kFlashReadStep), flashTotal_),
+                              flashTotal_);
+}
+
 void GnxLink::slotBinaryRfpDataReceived(QByteArray rfpData, bool isError)
 {
     if (!isFromCurrentLink())
@@ -376,8 +385,11 @@ QByteArray GnxLink::readFlashMemory()
     const qint64 total = qMax<qint64>(end - start, 0);
     emit sigFlashProgress(0, total);
     QByteArray data;
+    flashTotal_ = total;
+    const auto outside = qScopeGuard([this] { flashBlockDone_ = -1; });
     for (qint64 position = start; position < end && !readCancelled_; position += kFlashReadStep) {
         binaryData_.clear();
+        flashBlockDone_ = position - start;
         try {
             sendBlockingRequest(CMD_RFP, {QString::number(position), QString::number(kFlashReadStep)});
         } catch (const MRL::Utils::Exception&) {
@@ -385,6 +397,7 @@ QByteArray GnxLink::readFlashMemory()
             throw;
         }
         data += binaryData_;
+        flashBlockDone_ = -1; // a late progress report of this block is stale
         emit sigFlashProgress(qMin(position + kFlashReadStep - start, total), total);
     }
     return data;

@@ -339,6 +339,7 @@ signals:
 public slots:
     void slotReplyReceived(QStringList replyValues, bool isError);
     void slotBinaryRfpDataReceived(QByteArray rfpData, bool isError);
+    void slotBinaryProgress(qint64 bytes);
     void slotRxReceived(GnxLink::GnxMessageType_t gnxMessageType, QStringList params);
     void slotErrorOccured(QString message);
     void slotTimeout();
@@ -366,6 +367,8 @@ private:
     bool linkCompromised_ = false; // reported once per connection
     bool readCancelled_ = false;
     QByteArray partialRead_;
+    qint64 flashBlockDone_ = -1; // bytes read before the current block of a whole read; -1 outside
+    qint64 flashTotal_ = 0;
 };
 
 } // namespace OrviaGonioManager::Com

@@ -234,6 +234,7 @@ void UartLink::slotSendRequest(GnxLink::GnxCmd_t gnxCmd, QStringList params, Gnx
         blocksRemaining_ = -1;
         headerSeen_ = false;
         blockTaken_ = false;
+        binaryProgressClock_.start();
         setStatus(gnxVersion == GnxLink::GNX_V1 ? UART_WAITING_RFP_REPLY : UART_WAITING_RFP_BINARY_REPLY);
     } else {
         setStatus(UART_WAITING_REPLY);

@@ -4,6 +4,7 @@
 #include "com/GnxLink.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QSerialPort>
 #include <QSerialPortInfo>
@@ -78,6 +79,8 @@ public:
 signals:
     void sigReplyReceived(QStringList replyValues, bool isError);
     void sigBinaryRfpDataReceived(QByteArray rfpData, bool isError);
+    // Data bytes of the binary flash answer received so far, every tenth of a second at most.
+    void sigBinaryProgress(qint64 bytes);
     void sigRxReceived(GnxLink::GnxMessageType_t gnxMessageType, QStringList replyValues);
     void sigErrorOccured(QString message);
 
@@ -130,6 +133,7 @@ private:
     QString lastFrame_;
     QByteArray binaryBuffer_;
     QByteArray rfpData_;
+    QElapsedTimer binaryProgressClock_;
     QByteArray currentBlock_;
     bool blockCountKnown_ = false;
     qint32 blocksRemaining_ = -1;

@@ -94,6 +94,11 @@ bool UartLink::parseBinaryFrame()
     if (blocksRemaining_ > 1) {
         rfpData_ += currentBlock_;
         --blocksRemaining_;
+        // A slow line takes seconds over one answer: the job shows it moving.
+        if (binaryProgressClock_.elapsed() >= 100) {
+            binaryProgressClock_.restart();
+            emit sigBinaryProgress(rfpData_.size());
+        }
         return true;
     }
     finishBinary();

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTimer>
 #include <QWindow>
 
 namespace OrviaGonioManager::Ui {
@@ -16,6 +17,8 @@ namespace {
 
 // Bars count up to this; byte totals do not fit an int.
 constexpr int kBarSteps = 1000;
+// How often queued input is looked at while a request is under way: a click shows within this.
+constexpr int kPollMs = 50;
 
 bool isUserInput(QEvent::Type type)
 {
@@ -43,7 +46,7 @@ bool isUserInput(QEvent::Type type)
 
 JobPanel::JobPanel(Utils::JobProgress* job, QWidget* parent)
     : QWidget(parent), job_(job), label_(new QLabel(this)), bar_(new QProgressBar(this)),
-      cancel_(new QPushButton(QStringLiteral("Cancel"), this))
+      cancel_(new QPushButton(QStringLiteral("Cancel"), this)), poll_(new QTimer(this))
 {
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -55,8 +58,15 @@ JobPanel::JobPanel(Utils::JobProgress* job, QWidget* parent)
     connect(cancel_, &QPushButton::clicked, job_, &Utils::JobProgress::cancel);
     connect(job_, &Utils::JobProgress::sigStarted, this, &JobPanel::onStarted);
     connect(job_, &Utils::JobProgress::sigProgress, this, &JobPanel::onProgress);
-    connect(job_, &Utils::JobProgress::sigFinished, this, [this] { setVisible(false); });
+    connect(job_, &Utils::JobProgress::sigFinished, this, [this] {
+        poll_->stop();
+        setVisible(false);
+    });
+    connect(job_, &Utils::JobProgress::sigCancelRequested, this, &JobPanel::onCancelRequested);
     job_->setCheckpoint([this] { checkpoint(); });
+    // The request engine delivers timers while it waits, but holds back window-system input.
+    poll_->setInterval(kPollMs);
+    connect(poll_, &QTimer::timeout, this, &JobPanel::checkpoint);
 }
 
 void JobPanel::onStarted(const QString& title, qint64 total, const QString& unit)
@@ -64,26 +74,43 @@ void JobPanel::onStarted(const QString& title, qint64 total, const QString& unit
     label_->setText(QStringLiteral("%1: 0 of %2 %3").arg(title).arg(total).arg(unit));
     bar_->setValue(0);
     cancel_->setVisible(job_->isCancellable());
+    cancel_->setEnabled(true);
     setVisible(true);
+    if (job_->isCancellable())
+        poll_->start();
+}
+
+void JobPanel::onCancelRequested()
+{
+    poll_->stop();
+    cancel_->setEnabled(false);
+    label_->setText(QStringLiteral("Cancelling…"));
+    label_->repaint(); // now, not when the request under way is answered
 }
 
 void JobPanel::onProgress(qint64 done, qint64 total)
 {
+    bar_->setValue(total > 0 ? int(done * kBarSteps / total) : 0);
+    if (job_->isCancelled())
+        return; // still "Cancelling…"
     QString text =
         QStringLiteral("%1: %2 of %3 %4").arg(job_->title()).arg(done).arg(total).arg(job_->unit());
     const qint64 msLeft = job_->msLeft();
     if (msLeft >= 0 && done < total)
         text += QStringLiteral(", about %1 s left").arg((msLeft + 999) / 1000);
     label_->setText(text);
-    bar_->setValue(total > 0 ? int(done * kBarSteps / total) : 0);
 }
 
 // Input that waited during the request is handled now: Cancel and Escape, nothing else.
 void JobPanel::checkpoint()
 {
+    if (inCheckpoint_)
+        return;
+    inCheckpoint_ = true;
     qApp->installEventFilter(this);
     QCoreApplication::processEvents();
     qApp->removeEventFilter(this);
+    inCheckpoint_ = false;
 }
 
 bool JobPanel::eventFilter(QObject* watched, QEvent* event)

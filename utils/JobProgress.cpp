@@ -54,8 +54,15 @@ void JobProgress::end()
 
 void JobProgress::cancel()
 {
-    if (depth_ > 0 && cancellable_)
-        cancelled_ = true;
+    if (depth_ == 0 || !cancellable_ || cancelled_)
+        return;
+    cancelled_ = true;
+    qInfo().noquote() << QStringLiteral("%1: cancelling once the request under way is answered (%2 of %3 %4)")
+                             .arg(title_)
+                             .arg(done_)
+                             .arg(total_)
+                             .arg(unit_);
+    emit sigCancelRequested();
 }
 
 qint64 JobProgress::msLeft() const

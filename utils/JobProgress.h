@@ -44,6 +44,8 @@ signals:
     void sigStarted(QString title, qint64 total, QString unit);
     void sigProgress(qint64 done, qint64 total);
     void sigFinished();
+    // The user asked to stop: the job stops once the request under way is answered.
+    void sigCancelRequested();
 
 private:
     int depth_ = 0;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Real keys and clicks (xdotool, Xvfb, the program as its own process, gnxsim answering slowly):
+# Real keys and clicks (xdotool, Xvfb, the program as its own process, gnxsim at 9600 baud):
 # Escape and a click where "Cancel" stands leave the connection's own platform load whole; a click
-# on "Cancel" and Escape each stop the user's flash read.
+# on "Cancel" and Escape each stop the user's flash read, taken while a 16 KB block is still on
+# the line (about 17 s at 9600 baud), and the read ends with that block.
 set -uo pipefail
 # A screen of its own, never the user's.
 [ -n "${OGM_OWN_XVFB:-}" ] || OGM_OWN_XVFB=1 exec xvfb-run -a -s "-screen 0 1280x800x24" "$0" "$@"
@@ -17,7 +18,7 @@ said() { for _ in $(seq 300); do [ "$(grep -cF -- "$1" "$log")" = "${2:-1}" ] &&
 click() { case $1 in receiver) xy="60 19" ;; rx) xy="267 90" ;; read) xy="1073 122" ;; cancel) xy="1215 786" ;; esac
     xdotool mousemove $xy click 1; }
 
-"$1/gnxsim" --link "$scratch/gnx0" --platforms 6 --flash-records 20000 --fault delay=80 </dev/null >/dev/null 2>&1 &
+"$1/gnxsim" --link "$scratch/gnx0" --platforms 6 --flash-records 1500 --baud 9600 </dev/null >/dev/null 2>&1 &
 "$1/OrviaGonioManager" >"$log" 2>&1 &
 window=$(timeout 30 xdotool search --sync --onlyvisible --name "Orvia Gonio Manager" | head -1)
 xdotool windowmove "$window" 0 0 windowsize "$window" 1280 800 || fail "no window"
@@ -34,7 +35,10 @@ for n in 1 2; do
     click read
     said "Flash read: 10%" $n || fail "no flash read"
     if [ $n = 1 ]; then click cancel; else xdotool key Escape; fi
-    said "Flash read cancelled after" $n || fail "the flash read went on"
+    said "Flash read: cancelling once the request under way is answered" $n || fail "the cancel was not taken"
+    said "Flash read cancelled after 16384 of" $n || fail "the flash read did not end with its first block"
+    at=$(grep "Flash read: cancelling" "$log" | tail -1 | sed 's/.*(\([0-9]*\) of.*/\1/')
+    [ "$at" -lt 16384 ] || fail "the cancel was taken only once the block was read ($at bytes)"
     said "Flash read: 100%" 0 || fail "the flash read ended"
     echo "PASS: $([ $n = 1 ] && echo a click on Cancel || echo Escape) during a flash read"
 done

@@ -11,6 +11,7 @@
 
 #include <QElapsedTimer>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QPushButton>
 
 #include <sys/resource.h>
@@ -64,12 +65,16 @@ private:
             sim_->sendRawLine("NPR,12345,B1,0,0,0,0,0,1,ABCDEF", false);
         if (fault != "cancel")
             return;
-        // The user's, together with a receiver that stops answering: Escape waits for the job's
-        // next step, the button is clicked at once.
-        if (sim_->options().model == gnxsim::Model::Gnx134)
+        // The user's, together with a receiver that stops answering: Escape is queued and taken
+        // while the request waits, the button is clicked at once and the panel says so before the
+        // request under way ends.
+        if (sim_->options().model == gnxsim::Model::Gnx134) {
             QCoreApplication::postEvent(window_.get(), new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, {}));
-        else
-            window_->jobPanel()->cancelButton()->click();
+            return;
+        }
+        window_->jobPanel()->cancelButton()->click();
+        if (window_->jobProgress()->isRunning() && window_->jobProgress()->isCancellable())
+            QCOMPARE(window_->jobPanel()->findChild<QLabel*>()->text(), QString("Cancelling…"));
     }
 
     // What a job leaves on the receiver and in the window once it ended; empty when all is well.
