@@ -127,6 +127,7 @@ void Gnxctl::addCommands()
     addDeviceCommands();
     addFlashCommands();
     addFileCommands();
+    addBearingsCommands();
 }
 
 CLI::App& Gnxctl::command(const QString& words, const QString& description, const Run& run)

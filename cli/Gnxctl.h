@@ -36,6 +36,7 @@ private:
     void addDeviceCommands();
     void addFlashCommands();
     void addFileCommands();
+    void addBearingsCommands();
     // A command under its words ("flash read"), made with its groups; run once parsed.
     CLI::App& command(const QString& words, const QString& description, const Run& run);
     // A parse failure in words a person understands, with a suggestion for a mistyped command.
@@ -80,6 +81,10 @@ private:
     void formatsCheck(const QString& fileName);
     void scriptRun(const QString& fileName, const QStringList& lines, bool keepGoing);
     void scriptSave(const QString& fileName);
+    // Fixes from the bearings of messages read back from a file.
+    void bearings(const CliArgs& args);
+    // The favourites of a platforms file into rows_; returns the generation its columns are of.
+    Com::GnxLink::GnxVersion_t loadPlatformsFile(const QString& fileName);
 
     std::unique_ptr<CLI::App> app_;
     QHash<QString, CLI::App*> groups_;

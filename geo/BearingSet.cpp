@@ -87,6 +87,14 @@ void BearingSet::rebuild(const Utils::RxTableModel& model)
     sortAll();
 }
 
+void BearingSet::rebuild(const std::vector<Utils::RxTableModel::Row>& rows)
+{
+    clear();
+    for (const Utils::RxTableModel::Row& row : rows)
+        add(row);
+    sortAll();
+}
+
 void BearingSet::sortAll()
 {
     const auto byTime = [](const Bearing& a, const Bearing& b) { return a.time < b.time; };

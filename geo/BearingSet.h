@@ -57,6 +57,8 @@ public:
     bool relative() const { return relative_; }
     // Everything the table shows, hidden rows left out.
     void rebuild(const Utils::RxTableModel& model);
+    // These rows (gnxctl reads them back from a file), taken in time order as the table's are.
+    void rebuild(const std::vector<Utils::RxTableModel::Row>& rows);
     void clear();
     void add(const Utils::RxTableModel::Row& row);
 

@@ -1,9 +1,15 @@
 // gnxctl end to end: the program run as a user runs it, against the emulator over a
-// pseudo-terminal. Outputs are parsed back, never compared as loose text.
+// pseudo-terminal. Outputs are parsed back, never compared as loose text. Also the messages' JSON
+// lines read back, which "gnxctl bearings" takes.
+#include "geo/BearingExport.h"
 #include "sim/Firmware.h"
 #include "sim/PtySimulator.h"
+#include "sim/Scenario.h"
+#include "utils/PlatformNumber.h"
+#include "utils/RxJson.h"
 #include "utils/RxTableModel.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -50,6 +56,37 @@ bool writeFile(const QString& path, const QByteArray& data)
     return f.open(QIODevice::WriteOnly) && f.write(data) == data.size();
 }
 
+// The drive of tst_bearingswindow: 20-bit numbers beside a 28-bit one.
+const char* const kMixedDrive =
+    R"({"receiver": {"path": [[43.59, 1.23], [43.605, 1.28], [43.60, 1.34], [43.62, 1.39]], "speed": 20},
+    "bias": 0, "noise": 2,
+    "platforms": [{"id": "3CA97", "label": "Buoy 01", "position": [43.65, 1.26], "format": "ORV-GPS-SIGNED"},
+                  {"id": "33BBA", "label": "Float 02", "position": [43.56, 1.33], "format": "ORV-GPS-TWOS"},
+                  {"id": "1A9579F", "label": "Tag 03", "position": [43.64, 1.42], "format": "ORV-GPS-MINUTES-28"}]})";
+
+// A flash record as "flash read --format jsonl" writes it.
+const char* const kFlashLine =
+    R"({"band":0,"direction":104,"extraCode":0,"flagBit0":true,"flagBit1":true,"flagBit2":false,)"
+    R"("frequency":401668827,"gnxDirection":249,"gnxLatitude":43.59,"gnxLongitude":1.23,"level":-120,)"
+    R"("mjd":61367,"origin":"flash","payload":"A43AB0525B2EAEA5","payloadLatitude":null,)"
+    R"("payloadLongitude":null,"period":0,"platform":"2308281","platformId":"2308281","platformIndex":-1,)"
+    R"("secondsOfDay":81530,"time":"2026-11-23T22:38:50.000Z","v1FlashValue":0})";
+
+QJsonObject jsonObject(const QByteArray& text)
+{
+    return QJsonDocument::fromJson(text).object();
+}
+
+// The rows of a JSON lines file, as gnxctl bearings reads them.
+std::vector<OrviaGonioManager::Utils::RxTableModel::Row> jsonRows(const QByteArray& text)
+{
+    std::vector<OrviaGonioManager::Utils::RxTableModel::Row> rows;
+    for (const QJsonObject& o : jsonLines(text))
+        if (const auto row = OrviaGonioManager::Utils::rxFromJson(o))
+            rows.push_back(*row);
+    return rows;
+}
+
 } // namespace
 
 class TestGnxctl : public QObject
@@ -59,7 +96,8 @@ class TestGnxctl : public QObject
 private:
     QTemporaryDir dir_;
     std::unique_ptr<gnxsim::PtySimulator> sim_;
-    QStringList slots_; // the favourites before the command
+    std::shared_ptr<const gnxsim::Scenario> scenario_; // the drive the emulator makes, if any
+    QStringList slots_;                                // the favourites before the command
 
     QString port() const { return dir_.filePath("gnx"); }
 
@@ -72,7 +110,7 @@ private:
     }
 
     bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40,
-                  int baud = 0)
+                  int baud = 0, std::shared_ptr<const gnxsim::Scenario> scenario = {})
     {
         gnxsim::Options o;
         o.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
@@ -83,17 +121,20 @@ private:
         o.linkPath = port();
         o.seed = 7;
         o.baud = baud;
+        o.scenario = scenario;
         sim_ = std::make_unique<gnxsim::PtySimulator>(o);
         return sim_->start();
     }
 
-    // Runs gnxctl (or program); watch sees each chunk of standard error (or none) and all the output so far.
-    Run run(
-        const QStringList& args, const QString& extraPorts = {}, const QString& program = GNXCTL_PATH,
-        const std::function<void(const QByteArray&, const QByteArray&)>& watch = [](const QByteArray&,
-                                                                                    const QByteArray&) {})
+    // Runs gnxctl (or program); watch sees each chunk of standard error (or none) and all the output
+    // so far; standard input is the file input, when named.
+    Run run(const QStringList& args, const QString& extraPorts = {}, const QString& program = GNXCTL_PATH,
+            const std::function<void(const QByteArray&, const QByteArray&)>& watch = {},
+            const QString& input = {})
     {
         QProcess p;
+        if (!input.isEmpty())
+            p.setStandardInputFile(input);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("GNX_EXTRA_PORTS", extraPorts);
         p.setProcessEnvironment(env);
@@ -101,11 +142,13 @@ private:
         connect(&p, &QProcess::readyReadStandardError, &p, [&] {
             const QByteArray chunk = p.readAllStandardError();
             r.err += chunk;
-            watch(chunk, r.out);
+            if (watch)
+                watch(chunk, r.out);
         });
         connect(&p, &QProcess::readyReadStandardOutput, &p, [&] {
             r.out += p.readAllStandardOutput();
-            watch({}, r.out);
+            if (watch)
+                watch({}, r.out);
         });
         p.start(program, args);
         if (!p.waitForFinished(60000))
@@ -119,6 +162,61 @@ private:
     QStringList withPort(const QString& args) const
     {
         return QStringList{"--port", port()} + args.split(' ', Qt::SkipEmptyParts);
+    }
+
+    // What "gnxctl bearings" printed from the messages in jsonl, checked against the drive.
+    bool verifyBearings(const QString& what, const Run& r, const QString& jsonl) const
+    {
+        using namespace OrviaGonioManager;
+        const QJsonObject o = jsonObject(r.out);
+        const QJsonArray platforms = o["platforms"].toArray();
+        if (what == "bearings geojson") { // the window's export of the same messages
+            Geo::BearingSet set;
+            set.rebuild(jsonRows(readFile(jsonl)));
+            const QByteArray expected = Geo::BearingExport::geoJson({&set, set.fixes(), 50000.0});
+            int fixes = 0;
+            for (const QJsonValue& f : jsonObject(r.out)["features"].toArray())
+                fixes += f["properties"]["kind"].toString() == "fix";
+            return r.out == expected && fixes == int(scenario_->platforms().size());
+        }
+        if (o["formatVersion"].toInt() != 1)
+            return false;
+        if (what == "bearings none")
+            return platforms.isEmpty() && !o.contains("antennaCheck");
+        // A fix for each platform of the drive (for 003CA97, which is 3CA97, alone) near where it is:
+        // within its ellipse without a bias; a bias turns every bearing the same way and moves the fixes
+        // with it (drive.json's 4 degrees move its farthest platform's by 1.6 km).
+        const bool one = what == "bearings one";
+        if (platforms.size() != (one ? 1 : int(scenario_->platforms().size())))
+            return false;
+        for (const QJsonValue& fix : platforms) {
+            const QString id = fix["platform"].toString();
+            const auto truth =
+                std::find_if(scenario_->platforms().begin(), scenario_->platforms().end(),
+                             [&](const auto& p) { return Utils::PlatformNumber::shortest(p.id) == id; });
+            if (truth == scenario_->platforms().end() || (one && id != "3CA97"))
+                return false;
+            const double miss =
+                Geo::Geodesy::distance({fix["latitude"].toDouble(), fix["longitude"].toDouble()},
+                                       {truth->position.lat, truth->position.lon});
+            const double allowed =
+                scenario_->bias() == 0 ? std::max(fix["semiMajor"].toDouble(), 100.0) : 2000.0;
+            if (!fix["ok"].toBool() || fix["label"].toString() != truth->label || !(miss < allowed)) {
+                qWarning("%s: %.0f m off", qPrintable(id), miss);
+                return false;
+            }
+        }
+        // The antenna check takes the bias off the offset of 0, give or take a degree of noise.
+        const int suggested = o["antennaCheck"]["suggestedOffset"].toInt(-1000);
+        if (std::abs((suggested + int(std::lround(scenario_->bias())) + 180) % 360 - 180) > 1)
+            return false;
+        // Each message read back writes itself again.
+        for (const QJsonObject& line : jsonLines(readFile(jsonl))) {
+            const auto row = Utils::rxFromJson(line);
+            if (!row || Utils::rxJson(*row) != line)
+                return false;
+        }
+        return true;
     }
 
     // Whether the row's command did what it must: check as commands_data() describes it.
@@ -192,6 +290,8 @@ private:
             return r.err.isEmpty() && lineCount(r.out) == records + 1;
         if (what.startsWith("out:"))
             return r.out.contains(what.mid(4).toLatin1());
+        if (what.startsWith("bearings "))
+            return verifyBearings(what, r, file + ".jsonl");
         return r.err.contains(what.toLatin1());
     }
 
@@ -202,7 +302,9 @@ private slots:
     void commands_data()
     {
         QTest::addColumn<QString>("model");
-        QTest::addColumn<QString>("args"); // %f: a file in the work directory
+        // %f: a file in the work directory; %j, %p: the messages (flash read --format jsonl) and the
+        // favourites (platforms export) of a drive; %v: the GPS formats file; "< FILE": standard input.
+        QTest::addColumn<QString>("args");
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("check");    // what verify() looks at, or a text standard error holds
         QTest::addColumn<QByteArray>("input"); // written to %f first, when not empty
@@ -262,6 +364,26 @@ private slots:
         row("bad mode", "gnx234", "mode fast", 2, "mode must be app or bl");
         row("no settings file", "gnx234", "--settings %f info", 2, "Unable to read settings file");
         row("no formats file", "gnx234", "flash read --formats %f", 2, "%f");
+        // Fixes from the messages of the emulator's drive as a flash read saved them; no receiver needed.
+        row("bearings", "gnx234 drive", "bearings %j", 0, "bearings fixes");
+        row("bearings from standard input", "gnx234 drive", "bearings < %j", 0, "bearings fixes");
+        row("bearings from -", "gnx134 drive", "bearings - < %j", 0, "bearings fixes");
+        row("bearings by favourites", "gnx134 drive", "bearings --platforms %p --formats %v %j", 0,
+            "bearings fixes");
+        row("bearings geojson", "gnx234 drive", "bearings --format geojson %j", 0, "bearings geojson");
+        row("bearings one platform", "gnx234 mixed", "bearings --platform 003CA97 %j", 0, "bearings one");
+        row("bearings nothing", "gnx234", "bearings %f", 0, "bearings none", "\n\n");
+        row("bearings relative", "gnx234", "bearings --relative %f", 0,
+            R"(out:"directionReference":"heading")", "\n");
+        const QByteArray flash = kFlashLine;
+        row("bearings bad line", "gnx234", "bearings %f", 2, "line 3: \"direction\" is not a number",
+            flash + "\n\n" + QByteArray(flash).replace(R"("direction":104)", R"("direction":"104")") + "\n");
+        row("bearings not json", "gnx234", "bearings %f", 2, "line 2: not JSON", flash + "\n{\n");
+        row("bearings json error", "gnx234", "--json bearings %f", 2, R"("field":"mjd","line":1)",
+            QByteArray(flash).replace(R"("mjd":61367,)", ""));
+        row("bearings bad format", "gnx234", "bearings --format shp %f", 2, "unknown format \"shp\"");
+        row("bearings bad platform", "gnx234", "bearings --platform buoy %f", 2,
+            "--platform takes a platform number");
         // A bad line of an import: named, and nothing written.
         const QByteArray header = "#,Orvia ID,Label,GPS Format Name,Repetition period,Orvia Band,Modulation,"
                                   "Frequency Mode,Narrow Mode Frequency\n";
@@ -292,21 +414,95 @@ private slots:
         QFETCH(QString, check);
         QFETCH(QByteArray, input);
         const QStringList how = model.split(' ');
-        QVERIFY(startSim(how[0], args.startsWith("monitor") ? 30 : 0, how.contains("bl")));
+        QString error;
+        scenario_.reset();
+        if (how.contains("drive"))
+            scenario_ = gnxsim::Scenario::load(OGM_SOURCE_DIR "/sim/scenarios/drive.json", &error);
+        else if (how.contains("mixed"))
+            scenario_ = gnxsim::Scenario::fromJson(kMixedDrive, &error);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QVERIFY(startSim(how[0], args.startsWith("monitor") ? 30 : 0, how.contains("bl"), scenario_ ? 90 : 40,
+                         0, scenario_));
         const QString file = dir_.filePath(QString(QTest::currentDataTag()).replace(' ', '_'));
         QFile::remove(file);
         QVERIFY(input.isEmpty() || writeFile(file, input));
+        if (scenario_) { // saved from the receiver first, as a user would
+            QCOMPARE(run(withPort("flash read --format jsonl -o " + file + ".jsonl")).code, 0);
+            QCOMPARE(run(withPort("platforms export " + file + ".csv")).code, 0);
+        }
+        QString line = QString(args)
+                           .replace("%f", file)
+                           .replace("%j", file + ".jsonl")
+                           .replace("%p", file + ".csv")
+                           .replace("%v", OGM_SOURCE_DIR "/Data/format.vtl");
+        QString standardInput;
+        if (const auto at = line.indexOf(" < "); at >= 0) {
+            standardInput = line.mid(at + 3);
+            line.truncate(at);
+        }
         sim_->setStalled(how.contains("stalled"));
         if (how.contains("refuse"))
             sim_->setRefusedSlot(1);
         slots_ = slotsNow();
-        const Run r = run(args.startsWith("--version") ? QStringList{args}
-                                                       : withPort(QString(args).replace("%f", file)));
+        const Run r = run(args.startsWith("--version") ? QStringList{args} : withPort(line), {}, GNXCTL_PATH,
+                          {}, standardInput);
         QVERIFY2(r.code == code && verify(check == "%f" ? file : check, how[0], r, file),
                  qPrintable(QString("exit %1, %2 records, clock %3:\n%4\n%5")
                                 .arg(r.code)
                                 .arg(sim_->flashRecordCount())
                                 .arg(sim_->clock().toString(Qt::ISODate), QString(r.out), QString(r.err))));
+    }
+
+    // A message's JSON read back, as "gnxctl bearings" reads it: what rxJson() writes gives the
+    // same object again; a field missing or of the wrong type is named.
+    void rxFromJson_data()
+    {
+        QTest::addColumn<QByteArray>("patch"); // fields over those of a flash record
+        QTest::addColumn<QString>("remove");   // a field taken out
+        QTest::addColumn<QString>("error");    // empty: the object comes back whole
+        const auto row = [](const char* name, const char* patch, const char* remove, const char* error) {
+            QTest::newRow(name) << QByteArray(patch) << QString(remove) << QString(error);
+        };
+        row("flash record", "{}", "", "");
+        row("live report with a position",
+            R"({"origin": "live", "platformId": "3CA97", "platform": "3CA97", "payloadLatitude": 43.65,
+                "payloadLongitude": -1.26, "label": "Buoy 01", "secondsOfDay": 81530.25,
+                "time": "2026-11-23T22:38:50.250Z", "level": -98, "platformIndex": 2, "extraCode": 2})",
+            "", "");
+        row("20-bit number in seven digits", R"({"platformId": "003CA97", "platform": "3CA97"})", "", "");
+        row("direction as text", R"({"direction": "104"})", "", R"("direction" is not a number)");
+        row("direction with a fraction", R"({"direction": 10.5})", "",
+            R"("direction" is not a whole number from 0 to 65535)");
+        row("no mjd", "{}", "mjd", R"("mjd" is missing)");
+        row("no platformId", "{}", "platformId", R"("platformId" is missing)");
+        row("platformId a number", R"({"platformId": 2308281})", "", R"("platformId" is not text)");
+        row("unknown origin", R"({"origin": "radio"})", "", R"("origin" is neither "flash" nor "live")");
+        row("flag as a number", R"({"flagBit0": 1})", "", R"("flagBit0" is not true or false)");
+        row("payload not hexadecimal", R"({"payload": "A4Z"})", "", R"("payload" is not hexadecimal bytes)");
+        row("payload position as text", R"({"payloadLatitude": "43.6"})", "",
+            R"("payloadLatitude" is not a number or null)");
+    }
+
+    void rxFromJson()
+    {
+        QFETCH(QByteArray, patch);
+        QFETCH(QString, remove);
+        QFETCH(QString, error);
+        QJsonObject o = jsonObject(kFlashLine);
+        const QJsonObject fields = jsonObject(patch);
+        for (auto it = fields.begin(); it != fields.end(); ++it)
+            o.insert(it.key(), it.value());
+        o.remove(remove);
+        QString why, field;
+        const auto row = OrviaGonioManager::Utils::rxFromJson(o, &why, &field);
+        if (!error.isEmpty()) {
+            QVERIFY(!row);
+            QCOMPARE(why, error);
+            QCOMPARE(field, error.section('"', 1, 1));
+            return;
+        }
+        QVERIFY2(row, qPrintable(why));
+        QCOMPARE(OrviaGonioManager::Utils::rxJson(*row), o);
     }
 
     void outputs_data()
