@@ -1,6 +1,7 @@
 #include "ui/BearingsWindow.h"
 
 #include "geo/BearingExport.h"
+#include "geo/Homing.h"
 #include "geo/LocalProjection.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
@@ -23,6 +24,7 @@
 #include <QTableWidget>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -57,8 +59,9 @@ QString number(double v, int decimals)
 
 } // namespace
 
-BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QWidget* parent)
-    : QWidget(parent, Qt::Window), model_(model), angleOffset_(angleOffset)
+BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset,
+                               QComboBox* distanceUnit, QWidget* parent)
+    : QWidget(parent, Qt::Window), model_(model), angleOffset_(angleOffset), distanceUnit_(distanceUnit)
 {
     setObjectName(QStringLiteral("bearingsWindow"));
     setWindowTitle(QStringLiteral("Bearings"));
@@ -72,6 +75,7 @@ BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angle
     connect(model_, &QAbstractItemModel::rowsInserted, this, &BearingsWindow::scheduleRefresh);
     connect(model_, &QAbstractItemModel::rowsRemoved, this, &BearingsWindow::scheduleRefresh);
     connect(angleOffset_, &QSpinBox::valueChanged, this, &BearingsWindow::fillAntenna);
+    connect(distanceUnit_, &QComboBox::currentIndexChanged, this, &BearingsWindow::updateHoming);
     fixWorker_ = new QObject;
     fixWorker_->moveToThread(&fixThread_);
     connect(&fixThread_, &QThread::finished, fixWorker_, &QObject::deleteLater);
@@ -87,9 +91,21 @@ BearingsWindow::~BearingsWindow()
 void BearingsWindow::buildLayout()
 {
     compass_ = new CompassWidget(this);
+    homing_ = new QLabel(this);
+    homing_->setObjectName(QStringLiteral("labelBearingsHoming"));
+    homing_->setWordWrap(true);
+    homing_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    QFont large = homing_->font();
+    large.setPointSizeF(large.pointSizeF() * 1.5);
+    homing_->setFont(large);
+    auto* left = new QWidget(this);
+    auto* leftLayout = new QVBoxLayout(left);
+    leftLayout->setContentsMargins(0, 0, 0, 0);
+    leftLayout->addWidget(homing_);
+    leftLayout->addWidget(compass_, 1);
     map_ = new BearingMapWidget(this);
     auto* views = new QSplitter(Qt::Horizontal, this);
-    views->addWidget(compass_);
+    views->addWidget(left);
     views->addWidget(map_);
     views->setStretchFactor(1, 2);
 
@@ -279,6 +295,7 @@ void BearingsWindow::fixesComputed(quint64 generation, std::map<QString, Fix> fi
 void BearingsWindow::redraw()
 {
     updateCompass();
+    updateHoming();
     QSet<QString> shown;
     for (const BearingSet::Platform* p : shownPlatforms())
         shown.insert(p->id);
@@ -517,6 +534,39 @@ void BearingsWindow::exportFile(const QString& what)
     } catch (const MRL::Utils::Exception& e) {
         MRL::Ui::Dialogs::instance().critical(this, QStringLiteral("Bearings"), e.message());
     }
+}
+
+void BearingsWindow::updateHoming()
+{
+    const QString id = platform_->currentData().toString();
+    const auto it = set_.platforms().find(id);
+    if (id.isEmpty() || it == set_.platforms().end()) {
+        homing_->setText(QStringLiteral("Choose a platform to home on."));
+        compass_->setSteer(std::nullopt);
+        return;
+    }
+    const auto fit = fixes_.find(id);
+    const Fix* fix = fixesReady() && fit != fixes_.end() ? &fit->second : nullptr;
+    const Geo::Homing h = Geo::Homing::compute(set_, it->second, fix);
+    const auto unit = Geo::Homing::Unit(std::clamp(distanceUnit_->currentIndex(), 0, 2));
+    QStringList lines{QStringLiteral("<b>%1</b>").arg(it->second.name().toHtmlEscaped())};
+    const auto line = [&](const QString& what, const std::optional<Geo::Homing::Leg>& leg,
+                          const QString& none) {
+        lines << (leg ? QStringLiteral("%1: <b>%2</b> at <b>%3</b>")
+                            .arg(what, Geo::Homing::distanceText(leg->metres, unit),
+                                 Geo::Homing::bearingText(*leg))
+                      : QStringLiteral("%1: %2").arg(what, none));
+    };
+    if (!h.receiver) {
+        lines << QStringLiteral("The receiver has not given its position yet.");
+    } else {
+        line(QStringLiteral("Payload position"), h.toPayload, QStringLiteral("none received"));
+        line(QStringLiteral("Fix"), h.toFix, fix ? QStringLiteral("none") : QStringLiteral("computing…"));
+    }
+    homing_->setText(lines.join(QStringLiteral("<br>")));
+    // Steer to the platform's own position when it gives one: it is where it is now.
+    const std::optional<Geo::Homing::Leg>& target = h.toPayload ? h.toPayload : h.toFix;
+    compass_->setSteer(target ? std::optional<double>(target->bearing) : std::nullopt);
 }
 
 } // namespace OrviaGonioManager::Ui

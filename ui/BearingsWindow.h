@@ -32,7 +32,9 @@ class BearingsWindow : public QWidget
     Q_OBJECT
 
 public:
-    BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QWidget* parent = nullptr);
+    // distanceUnit: the software setup's, for the homing distances.
+    BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QComboBox* distanceUnit,
+                   QWidget* parent = nullptr);
     ~BearingsWindow() override;
 
     const Geo::BearingSet& bearings() const { return set_; }
@@ -75,6 +77,8 @@ private:
     void fillAntenna();
     void updateApply();
     void updateCompass();
+    // Distance and bearing to the selected platform's latest payload position and fix.
+    void updateHoming();
     // The map's scene, in metres, for every platform: made again only when the data changes.
     void updateMap();
     QColor colourOf(const QString& platformId) const;
@@ -84,6 +88,7 @@ private:
 
     const Utils::RxTableModel* model_;
     QSpinBox* angleOffset_;
+    QComboBox* distanceUnit_;
     Geo::BearingSet set_;
     std::map<QString, Geo::Fix> fixes_;
     Geo::AntennaCheck antenna_;
@@ -99,6 +104,7 @@ private:
     QComboBox* reference_ = nullptr;
     QSpinBox* range_ = nullptr;
     CompassWidget* compass_ = nullptr;
+    QLabel* homing_ = nullptr;
     BearingMapWidget* map_ = nullptr;
     QTableWidget* fixTable_ = nullptr;
     QTableWidget* bearingList_ = nullptr;

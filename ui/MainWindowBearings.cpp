@@ -27,7 +27,8 @@ void MainWindow::setUpBearings(QToolBar* toolBar)
 BearingsWindow* MainWindow::bearingsWindow()
 {
     if (!bearingsWindow_) {
-        bearingsWindow_ = new BearingsWindow(rxModel_, ui_->spinBoxSetupSoftwareDirectionOffset, this);
+        bearingsWindow_ = new BearingsWindow(rxModel_, ui_->spinBoxSetupSoftwareDirectionOffset,
+                                             ui_->comboBoxSetupSoftwareDistType, this);
         updateBearingsApply();
     }
     return bearingsWindow_;

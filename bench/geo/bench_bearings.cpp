@@ -159,7 +159,9 @@ int main(int argc, char** argv)
     Utils::RxTableModel model;
     QSpinBox offset;
     offset.setRange(0, 359);
-    Ui::BearingsWindow window(&model, &offset);
+    QComboBox unit;
+    unit.addItems({QStringLiteral("km"), QStringLiteral("miles"), QStringLiteral("nautical miles")});
+    Ui::BearingsWindow window(&model, &offset, &unit);
     window.resize(1200, 860);
     window.show();
     QCoreApplication::processEvents();

@@ -1,6 +1,7 @@
 // gnxctl end to end: the program run as a user runs it, against the emulator over a
 // pseudo-terminal. Outputs are parsed back, never compared as loose text. Also the messages' JSON
 // lines read back, which "gnxctl bearings" takes.
+#include "common/SampleMessages.h"
 #include "geo/BearingExport.h"
 #include "sim/Firmware.h"
 #include "sim/PtySimulator.h"
@@ -63,14 +64,6 @@ const char* const kMixedDrive =
     "platforms": [{"id": "3CA97", "label": "Buoy 01", "position": [43.65, 1.26], "format": "ORV-GPS-SIGNED"},
                   {"id": "33BBA", "label": "Float 02", "position": [43.56, 1.33], "format": "ORV-GPS-TWOS"},
                   {"id": "1A9579F", "label": "Tag 03", "position": [43.64, 1.42], "format": "ORV-GPS-MINUTES-28"}]})";
-
-// A flash record as "flash read --format jsonl" writes it.
-const char* const kFlashLine =
-    R"({"band":0,"direction":104,"extraCode":0,"flagBit0":true,"flagBit1":true,"flagBit2":false,)"
-    R"("frequency":401668827,"gnxDirection":249,"gnxLatitude":43.59,"gnxLongitude":1.23,"level":-120,)"
-    R"("mjd":61367,"origin":"flash","payload":"A43AB0525B2EAEA5","payloadLatitude":null,)"
-    R"("payloadLongitude":null,"period":0,"platform":"2308281","platformId":"2308281","platformIndex":-1,)"
-    R"("secondsOfDay":81530,"time":"2026-11-23T22:38:50.000Z","v1FlashValue":0})";
 
 QJsonObject jsonObject(const QByteArray& text)
 {
@@ -451,58 +444,6 @@ private slots:
                                 .arg(r.code)
                                 .arg(sim_->flashRecordCount())
                                 .arg(sim_->clock().toString(Qt::ISODate), QString(r.out), QString(r.err))));
-    }
-
-    // A message's JSON read back, as "gnxctl bearings" reads it: what rxJson() writes gives the
-    // same object again; a field missing or of the wrong type is named.
-    void rxFromJson_data()
-    {
-        QTest::addColumn<QByteArray>("patch"); // fields over those of a flash record
-        QTest::addColumn<QString>("remove");   // a field taken out
-        QTest::addColumn<QString>("error");    // empty: the object comes back whole
-        const auto row = [](const char* name, const char* patch, const char* remove, const char* error) {
-            QTest::newRow(name) << QByteArray(patch) << QString(remove) << QString(error);
-        };
-        row("flash record", "{}", "", "");
-        row("live report with a position",
-            R"({"origin": "live", "platformId": "3CA97", "platform": "3CA97", "payloadLatitude": 43.65,
-                "payloadLongitude": -1.26, "label": "Buoy 01", "secondsOfDay": 81530.25,
-                "time": "2026-11-23T22:38:50.250Z", "level": -98, "platformIndex": 2, "extraCode": 2})",
-            "", "");
-        row("20-bit number in seven digits", R"({"platformId": "003CA97", "platform": "3CA97"})", "", "");
-        row("direction as text", R"({"direction": "104"})", "", R"("direction" is not a number)");
-        row("direction with a fraction", R"({"direction": 10.5})", "",
-            R"("direction" is not a whole number from 0 to 65535)");
-        row("no mjd", "{}", "mjd", R"("mjd" is missing)");
-        row("no platformId", "{}", "platformId", R"("platformId" is missing)");
-        row("platformId a number", R"({"platformId": 2308281})", "", R"("platformId" is not text)");
-        row("unknown origin", R"({"origin": "radio"})", "", R"("origin" is neither "flash" nor "live")");
-        row("flag as a number", R"({"flagBit0": 1})", "", R"("flagBit0" is not true or false)");
-        row("payload not hexadecimal", R"({"payload": "A4Z"})", "", R"("payload" is not hexadecimal bytes)");
-        row("payload position as text", R"({"payloadLatitude": "43.6"})", "",
-            R"("payloadLatitude" is not a number or null)");
-    }
-
-    void rxFromJson()
-    {
-        QFETCH(QByteArray, patch);
-        QFETCH(QString, remove);
-        QFETCH(QString, error);
-        QJsonObject o = jsonObject(kFlashLine);
-        const QJsonObject fields = jsonObject(patch);
-        for (auto it = fields.begin(); it != fields.end(); ++it)
-            o.insert(it.key(), it.value());
-        o.remove(remove);
-        QString why, field;
-        const auto row = OrviaGonioManager::Utils::rxFromJson(o, &why, &field);
-        if (!error.isEmpty()) {
-            QVERIFY(!row);
-            QCOMPARE(why, error);
-            QCOMPARE(field, error.section('"', 1, 1));
-            return;
-        }
-        QVERIFY2(row, qPrintable(why));
-        QCOMPARE(OrviaGonioManager::Utils::rxJson(*row), o);
     }
 
     void outputs_data()

@@ -4,6 +4,7 @@
 #include "geo/BearingExport.h"
 #include "geo/BearingFix.h"
 #include "geo/Circular.h"
+#include "geo/Homing.h"
 #include "sim/Scenario.h"
 
 #include <QJsonArray>
@@ -287,6 +288,41 @@ private slots:
         QFETCH(double, quantile);
         QVERIFY2(std::abs(BearingFix::studentT(tail, dof) - quantile) < 1e-3 * quantile,
                  qPrintable(QString::number(BearingFix::studentT(tail, dof))));
+    }
+
+    // Where to go, against published geodesics (a degree of meridian and of the equator on WGS84),
+    // in each distance unit and relative to the heading.
+    void homing_data()
+    {
+        QTest::addColumn<QList<double>>("fromTo"); // lat, lon, lat, lon
+        QTest::addColumn<double>("heading");       // NaN: unknown
+        QTest::addColumn<int>("unit");
+        QTest::addColumn<QString>("distance");
+        QTest::addColumn<QString>("bearing");
+        const double none = std::nan("");
+        QTest::newRow("north, km") << QList<double>{0, 0, 1, 0} << none << 0 << "110.6 km"
+                                   << "000°";
+        QTest::newRow("north, miles, heading east") << QList<double>{0, 0, 1, 0} << 90.0 << 1 << "68.7 miles"
+                                                    << "000°, 90° left";
+        QTest::newRow("east, NM, dead ahead") << QList<double>{0, 0, 0, 1} << 90.0 << 2 << "60.1 NM"
+                                              << "090°, dead ahead";
+        QTest::newRow("metres, across north") << QList<double>{0, 0, 0.005, -0.001} << 350.0 << 0 << "564 m"
+                                              << "349°, 1° left";
+        QTest::newRow("behind") << QList<double>{0, 0, -0.05, 0} << 10.0 << 0 << "5.53 km"
+                                << "180°, 170° right";
+    }
+    void homing()
+    {
+        QFETCH(QList<double>, fromTo);
+        QFETCH(double, heading);
+        QFETCH(int, unit);
+        QFETCH(QString, distance);
+        QFETCH(QString, bearing);
+        const Homing::Leg leg =
+            Homing::leg({fromTo[0], fromTo[1]}, {fromTo[2], fromTo[3]},
+                        std::isnan(heading) ? std::nullopt : std::optional<double>(heading));
+        QCOMPARE(Homing::distanceText(leg.metres, Homing::Unit(unit)), distance);
+        QCOMPARE(Homing::bearingText(leg), bearing);
     }
 
     // A bias of 7° at 2° of noise is found from 50 samples within 0.5°.

@@ -10,7 +10,9 @@
 #include "sim/PositionFormat.h"
 #include "sim/Scenario.h"
 #include "ui/BearingsWindow.h"
+#include "ui/CompassWidget.h"
 
+#include <QLabel>
 #include <QRegularExpression>
 #include <QSpinBox>
 #include <QTableWidget>
@@ -139,14 +141,50 @@ private slots:
             }
         }
 
+        // Homing on a platform: from the receiver's latest position to its payload position, in
+        // the software setup's distance unit, and the compass steers there.
+        auto* platforms = bearings()->findChild<QComboBox*>("comboBoxBearingsPlatform");
+        platforms->setCurrentIndex(platforms->findData("1A9579F"));
+        const auto& tag = scenario_->platforms()[2];
+        const OrviaGonioManager::Geo::Bearing* last = nullptr;
+        for (const auto& [id, p] : bearings()->bearings().platforms())
+            for (const auto& b : p.bearings)
+                if (b.receiverValid && (!last || b.time >= last->time))
+                    last = &b;
+        QVERIFY(last);
+        const OrviaGonioManager::Geo::GeoPoint truth{tag.position.lat, tag.position.lon};
+        const double km = OrviaGonioManager::Geo::Geodesy::distance(last->receiver, truth) / 1000;
+        const long towards =
+            std::lround(OrviaGonioManager::Geo::Geodesy::bearing(last->receiver, truth)) % 360;
+        auto* homing = bearings()->findChild<QLabel*>("labelBearingsHoming");
+        QVERIFY2(homing->text().contains(QString("Payload position: <b>%1 km</b> at <b>%2°")
+                                             .arg(km, 0, 'f', 2)
+                                             .arg(towards, 3, 10, QChar('0'))),
+                 qPrintable(homing->text()));
+        QVERIFY(homing->text().contains("Fix: <b>"));
+        QVERIFY(bearings()->compass()->legendTexts().contains(QString("Steer  %1°").arg(towards)));
+        ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(1);
+        QVERIFY2(homing->text().contains(QString("<b>%1 miles</b>").arg(km / 1.609344, 0, 'f', 2)),
+                 qPrintable(homing->text()));
+        // At 1280 by 800 the compass keeps its legend whole, every platform listed.
+        platforms->setCurrentIndex(0);
+        bearings()->resize(1280, 800);
+        QTRY_COMPARE(bearings()->size(), QSize(1280, 800));
+        const auto key = bearings()->compass()->legend();
+        QCOMPARE(key.texts.size(), 3);
+        QVERIFY(QRectF(bearings()->compass()->rect()).contains(key.rect));
+        for (const QString& text : key.texts)
+            QVERIFY2(key.columnWidth - 24 >=
+                         QFontMetricsF(bearings()->compass()->font()).horizontalAdvance(text),
+                     qPrintable(text));
+
         // One platform through the RX table's filter.
         ui()->lineEditRxIdFilter->setText("33BBA");
         QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady() && bearings()->fixes().size() == 1, 5000);
         QVERIFY(bearings()->fixes().count("33BBA"));
 
         // A bearing unticked by hand.
-        auto* platform = bearings()->findChild<QComboBox*>("comboBoxBearingsPlatform");
-        platform->setCurrentIndex(platform->findData("33BBA"));
+        platforms->setCurrentIndex(platforms->findData("33BBA"));
         auto* list = bearings()->findChild<QTableWidget*>("tableWidgetBearingsList");
         QCOMPARE(list->rowCount(), 31);
         const int used = bearings()->fixes().at("33BBA").used;

@@ -1,10 +1,14 @@
 // The RX table model against a reference that follows the table's rules one message at a time:
 // a row inserted at the top and filled, hidden when its Id does not contain the filter; after a
 // flash read, the table sorted on the time, newest first, equal times keeping their order.
+#include "common/SampleMessages.h"
 #include "utils/GpsFormat.h"
+#include "utils/RxJson.h"
 #include "utils/RxTableModel.h"
 
 #include <QApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRandomGenerator>
 #include <QTableWidget>
 #include <QTest>
@@ -12,6 +16,15 @@
 using OrviaGonioManager::Com::GnxLink;
 using OrviaGonioManager::Com::OrviaRxMessage_t;
 using OrviaGonioManager::Utils::RxTableModel;
+
+namespace {
+
+QJsonObject jsonObject(const QByteArray& text)
+{
+    return QJsonDocument::fromJson(text).object();
+}
+
+} // namespace
 
 class TestRxTableModel : public QObject
 {
@@ -108,6 +121,58 @@ private slots:
         model_.sort(RxTableModel::COL_ID, Qt::AscendingOrder); // a header click
         reference_.sortItems(RxTableModel::COL_ID, Qt::AscendingOrder);
         compare();
+    }
+
+    // A message's JSON read back, as "gnxctl bearings" reads it: what rxJson() writes gives the
+    // same object again; a field missing or of the wrong type is named.
+    void rxFromJson_data()
+    {
+        QTest::addColumn<QByteArray>("patch"); // fields over those of a flash record
+        QTest::addColumn<QString>("remove");   // a field taken out
+        QTest::addColumn<QString>("error");    // empty: the object comes back whole
+        const auto row = [](const char* name, const char* patch, const char* remove, const char* error) {
+            QTest::newRow(name) << QByteArray(patch) << QString(remove) << QString(error);
+        };
+        row("flash record", "{}", "", "");
+        row("live report with a position",
+            R"({"origin": "live", "platformId": "3CA97", "platform": "3CA97", "payloadLatitude": 43.65,
+                "payloadLongitude": -1.26, "label": "Buoy 01", "secondsOfDay": 81530.25,
+                "time": "2026-11-23T22:38:50.250Z", "level": -98, "platformIndex": 2, "extraCode": 2})",
+            "", "");
+        row("20-bit number in seven digits", R"({"platformId": "003CA97", "platform": "3CA97"})", "", "");
+        row("direction as text", R"({"direction": "104"})", "", R"("direction" is not a number)");
+        row("direction with a fraction", R"({"direction": 10.5})", "",
+            R"("direction" is not a whole number from 0 to 65535)");
+        row("no mjd", "{}", "mjd", R"("mjd" is missing)");
+        row("no platformId", "{}", "platformId", R"("platformId" is missing)");
+        row("platformId a number", R"({"platformId": 2308281})", "", R"("platformId" is not text)");
+        row("unknown origin", R"({"origin": "radio"})", "", R"("origin" is neither "flash" nor "live")");
+        row("flag as a number", R"({"flagBit0": 1})", "", R"("flagBit0" is not true or false)");
+        row("payload not hexadecimal", R"({"payload": "A4Z"})", "", R"("payload" is not hexadecimal bytes)");
+        row("payload position as text", R"({"payloadLatitude": "43.6"})", "",
+            R"("payloadLatitude" is not a number or null)");
+    }
+
+    void rxFromJson()
+    {
+        QFETCH(QByteArray, patch);
+        QFETCH(QString, remove);
+        QFETCH(QString, error);
+        QJsonObject o = jsonObject(kFlashLine);
+        const QJsonObject fields = jsonObject(patch);
+        for (auto it = fields.begin(); it != fields.end(); ++it)
+            o.insert(it.key(), it.value());
+        o.remove(remove);
+        QString why, field;
+        const auto row = OrviaGonioManager::Utils::rxFromJson(o, &why, &field);
+        if (!error.isEmpty()) {
+            QVERIFY(!row);
+            QCOMPARE(why, error);
+            QCOMPARE(field, error.section('"', 1, 1));
+            return;
+        }
+        QVERIFY2(row, qPrintable(why));
+        QCOMPARE(OrviaGonioManager::Utils::rxJson(*row), o);
     }
 };
 
