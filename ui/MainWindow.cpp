@@ -45,6 +45,7 @@ MainWindow::MainWindow(QWidget* parent)
     configureLogger(ui_->tableWidgetLogger);
     ui_->tableWidgetLogger->setMaximumNumberOfRows(1000);
     ui_->tableWidgetLogger->setFollow(true);
+    setUpTerminal();
 
     fillComboBoxes();
     setTableHeaders();

@@ -57,6 +57,9 @@ public:
     // The Bearings window, made the first time it is asked for.
     class BearingsWindow* bearingsWindow();
     QAction* bearingsAction() const { return bearingsAction_; }
+    // The Terminal tab's log view menu and command history.
+    class TerminalLog* terminalLog() const { return terminalLog_; }
+    class CommandHistory* commandHistory() const { return commandHistory_; }
 
     // The connect toggle of a port action.
     void connectToggled(const QString& portName, bool checked);
@@ -171,6 +174,7 @@ private:
     void refreshFavourites();
 
     // Terminal tab (MainWindowTerminal.cpp). Private helpers of that tab go here.
+    void setUpTerminal();
 
     std::unique_ptr<::Ui::MainWindow> ui_;
     QMap<QString, QAction*> portActions_;
@@ -197,6 +201,8 @@ private:
     class JobPanel* jobPanel_ = nullptr;
     QAction* bearingsAction_ = nullptr;
     class BearingsWindow* bearingsWindow_ = nullptr;
+    class TerminalLog* terminalLog_ = nullptr;
+    class CommandHistory* commandHistory_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui
