@@ -56,6 +56,7 @@ MainWindow::MainWindow(QWidget* parent)
     job_ = new Utils::JobProgress(this);
     jobPanel_ = new JobPanel(job_, this);
     ui_->statusBar->addPermanentWidget(jobPanel_);
+    setUpNoReceiverLabel();
 
     Utils::Settings::instance();
     comManager_ = new Com::ComManager(this);
@@ -118,6 +119,7 @@ void MainWindow::slotPostInit()
     ui_->splitter->setSizes({1, 1000});
     setUnconnectedState();
     comManager_->slotScanComPorts();
+    updateNoReceiverLabel();
     qInfo().noquote() << "Ready!";
     ui_->tableWidgetLogger->messageBatchEnd();
 }

@@ -14,6 +14,7 @@
 
 class QAction;
 class QIcon;
+class QLabel;
 class QProgressBar;
 class QToolBar;
 
@@ -60,6 +61,8 @@ public:
     // The Terminal tab's log view menu and command history.
     class TerminalLog* terminalLog() const { return terminalLog_; }
     class CommandHistory* commandHistory() const { return commandHistory_; }
+    // The status bar's word on how to make a receiver appear, shown while there is none.
+    QLabel* noReceiverLabel() const { return noReceiverLabel_; }
 
     // The connect toggle of a port action.
     void connectToggled(const QString& portName, bool checked);
@@ -134,6 +137,8 @@ private:
     void setTerminalEnabled(bool enabled);
     void showGenerationWidgets(bool gnx134);
     void showBootloaderMode(bool bootloader);
+    void setUpNoReceiverLabel();
+    void updateNoReceiverLabel();
 
     // Reconnecting to the same receiver (MainWindowReconnect.cpp).
     void setUpReconnect();
@@ -203,6 +208,7 @@ private:
     class BearingsWindow* bearingsWindow_ = nullptr;
     class TerminalLog* terminalLog_ = nullptr;
     class CommandHistory* commandHistory_ = nullptr;
+    QLabel* noReceiverLabel_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui
