@@ -4,6 +4,7 @@
 #include "mrl/utils/Exception.h"
 
 #include <QDebug>
+#include <QLoggingCategory>
 #include <QMetaEnum>
 
 #include <cctype>
@@ -17,6 +18,16 @@ constexpr qint32 kBaudRate = 115200;
 const Utils::Settings& settings()
 {
     return Utils::Settings::instance();
+}
+
+Q_LOGGING_CATEGORY(keepAliveLog, UartLink::kKeepAliveLogCategory)
+
+// A debug line, under the keep-alive's category when it belongs to that exchange.
+QDebug debugLine(bool keepAlive)
+{
+    return QMessageLogger()
+        .debug(keepAlive ? keepAliveLog() : *QLoggingCategory::defaultCategory())
+        .noquote();
 }
 
 template <typename Enum> QString keyOf(Enum value)
@@ -87,10 +98,29 @@ void UartLink::init()
 
 void UartLink::setStatus(LinkStatus_t status)
 {
+    const LinkStatus_t from = status_.load();
     if (settings().printUartDebugInfo)
-        qDebug().noquote() << QStringLiteral("From %1 to %2").arg(keyOf(status_.load()), keyOf(status));
+        debugLine(isKeepAliveTransition(from, status))
+            << QStringLiteral("From %1 to %2").arg(keyOf(from), keyOf(status));
     status_.store(status);
     notifyListener();
+}
+
+// Into and out of the wait for the keep-alive's answer; a time-out is a failure, not routine.
+bool UartLink::isKeepAliveTransition(LinkStatus_t from, LinkStatus_t to) const
+{
+    return lastCommand_ == GnxLink::CMD_KEEPALIVE_INTERNAL && to != UART_ERROR_TIMEOUT &&
+           (from == UART_WAITING_REPLY || to == UART_WAITING_REPLY);
+}
+
+// The line the reply handler will take as the keep-alive's answer (a typed TEST is a request of
+// its own command, never this).
+bool UartLink::isKeepAliveAnswer(const QString& line) const
+{
+    if (status() != UART_WAITING_REPLY || lastCommand_ != GnxLink::CMD_KEEPALIVE_INTERNAL)
+        return false;
+    const GnxFrame::DecodedLine decoded = GnxFrame::decodeLine(line);
+    return decoded.status == GnxFrame::DecodedLine::Ok && decoded.mnemonic == lastFrame_;
 }
 
 void UartLink::notifyListener()
@@ -350,7 +380,7 @@ void UartLink::processLines()
 void UartLink::handleLine(const QString& line)
 {
     if (settings().printAtCmdDebugInfo)
-        qDebug().noquote() << QStringLiteral("Receive %1").arg(line);
+        debugLine(isKeepAliveAnswer(line)) << QStringLiteral("Receive %1").arg(line);
     if (line.isEmpty()) {
         qWarning().noquote() << QStringLiteral("Empty line");
         return;

@@ -44,6 +44,9 @@ public:
     static constexpr qint64 kMaxRfpBytes = 64 * 1024 * 1024;
     static constexpr int kRfpBlockBytes = 128;
     static constexpr int kRfpTrailerBytes = 5;
+    // The debug lines of the link's own keep-alive exchange are logged under this category: a log
+    // view can hide them without hiding the same command typed by the user.
+    static constexpr const char* kKeepAliveLogCategory = "ogm.link.keepalive";
 
     explicit UartLink(const QSerialPortInfo& portInfo, QObject* parent = nullptr);
     // A port named by its path or name: pseudo-terminals and ports a user names have no
@@ -98,6 +101,8 @@ public slots:
 private:
     void init();
     void setStatus(LinkStatus_t status);
+    bool isKeepAliveTransition(LinkStatus_t from, LinkStatus_t to) const;
+    bool isKeepAliveAnswer(const QString& line) const;
     void notifyListener();
     int replyTimeoutMs() const;
     void startKeepAlive();

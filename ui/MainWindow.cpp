@@ -45,6 +45,7 @@ MainWindow::MainWindow(QWidget* parent)
     configureLogger(ui_->tableWidgetLogger);
     ui_->tableWidgetLogger->setMaximumNumberOfRows(1000);
     ui_->tableWidgetLogger->setFollow(true);
+    setUpTerminal();
 
     fillComboBoxes();
     setTableHeaders();
@@ -55,6 +56,7 @@ MainWindow::MainWindow(QWidget* parent)
     job_ = new Utils::JobProgress(this);
     jobPanel_ = new JobPanel(job_, this);
     ui_->statusBar->addPermanentWidget(jobPanel_);
+    setUpNoReceiverLabel();
 
     Utils::Settings::instance();
     comManager_ = new Com::ComManager(this);
@@ -117,6 +119,7 @@ void MainWindow::slotPostInit()
     ui_->splitter->setSizes({1, 1000});
     setUnconnectedState();
     comManager_->slotScanComPorts();
+    updateNoReceiverLabel();
     qInfo().noquote() << "Ready!";
     ui_->tableWidgetLogger->messageBatchEnd();
 }

@@ -14,6 +14,7 @@
 
 class QAction;
 class QIcon;
+class QLabel;
 class QProgressBar;
 class QToolBar;
 
@@ -57,6 +58,11 @@ public:
     // The Bearings window, made the first time it is asked for.
     class BearingsWindow* bearingsWindow();
     QAction* bearingsAction() const { return bearingsAction_; }
+    // The Terminal tab's log view menu and command history.
+    class TerminalLog* terminalLog() const { return terminalLog_; }
+    class CommandHistory* commandHistory() const { return commandHistory_; }
+    // The status bar's word on how to make a receiver appear, shown while there is none.
+    QLabel* noReceiverLabel() const { return noReceiverLabel_; }
 
     // The connect toggle of a port action.
     void connectToggled(const QString& portName, bool checked);
@@ -131,6 +137,8 @@ private:
     void setTerminalEnabled(bool enabled);
     void showGenerationWidgets(bool gnx134);
     void showBootloaderMode(bool bootloader);
+    void setUpNoReceiverLabel();
+    void updateNoReceiverLabel();
 
     // Reconnecting to the same receiver (MainWindowReconnect.cpp).
     void setUpReconnect();
@@ -171,6 +179,7 @@ private:
     void refreshFavourites();
 
     // Terminal tab (MainWindowTerminal.cpp). Private helpers of that tab go here.
+    void setUpTerminal();
 
     std::unique_ptr<::Ui::MainWindow> ui_;
     QMap<QString, QAction*> portActions_;
@@ -197,6 +206,9 @@ private:
     class JobPanel* jobPanel_ = nullptr;
     QAction* bearingsAction_ = nullptr;
     class BearingsWindow* bearingsWindow_ = nullptr;
+    class TerminalLog* terminalLog_ = nullptr;
+    class CommandHistory* commandHistory_ = nullptr;
+    QLabel* noReceiverLabel_ = nullptr;
 };
 
 } // namespace OrviaGonioManager::Ui

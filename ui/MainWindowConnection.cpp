@@ -11,6 +11,7 @@
 #include <QDateTime>
 #include <QDebug>
 #include <QFileInfo>
+#include <QLabel>
 #include <QMetaEnum>
 #include <QScopedValueRollback>
 #include <QSysInfo>
@@ -56,6 +57,7 @@ void MainWindow::slotGnxDetected(QString portName)
                 [this, portName](bool checked) { guard([&] { connectToggled(portName, checked); }); });
         reconnectIfLost(portName);
     });
+    updateNoReceiverLabel();
 }
 
 void MainWindow::slotGnxRemoved(QString portName)
@@ -70,6 +72,31 @@ void MainWindow::slotGnxRemoved(QString portName)
             action->deleteLater();
         }
     });
+    updateNoReceiverLabel();
+}
+
+void MainWindow::setUpNoReceiverLabel()
+{
+    noReceiverLabel_ = new QLabel(
+        QStringLiteral("No receiver found: plug one in (the package's udev rule 70-orvia-gonio-manager.rules "
+                       "grants access to it) or start with GNX_EXTRA_PORTS=<port path>[:<path>...] for "
+                       "other serial ports."),
+        this);
+    noReceiverLabel_->setObjectName(QStringLiteral("labelNoReceiver"));
+    noReceiverLabel_->setToolTip(
+        QStringLiteral("The Debian package installs /usr/lib/udev/rules.d/70-orvia-gonio-manager.rules: "
+                       "after \"udevadm control --reload\" and a replug, a GNX receiver can be opened "
+                       "without root.\nGNX_EXTRA_PORTS lists serial device paths, separated by \":\", "
+                       "offered as receivers whatever their USB identifiers, each while its path exists."));
+    // A long text must not make the window wider: it is cut, the tool tip has it whole.
+    noReceiverLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    noReceiverLabel_->setVisible(false); // until the first scan has looked
+    ui_->statusBar->addWidget(noReceiverLabel_, 1);
+}
+
+void MainWindow::updateNoReceiverLabel()
+{
+    noReceiverLabel_->setVisible(portActions_.isEmpty());
 }
 
 void MainWindow::connectToggled(const QString& portName, bool checked)

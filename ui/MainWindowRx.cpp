@@ -66,6 +66,11 @@ void MainWindow::setUpRxTable()
     view->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
     // Columns fit the rows in sight, not a sample of a table that may hold a million.
     view->horizontalHeader()->setResizeContentsPrecision(0);
+    // Every time has the same length and must be read whole, however the row came; the modulation
+    // is never reported, so its header is all the room it needs.
+    view->horizontalHeader()->setSectionResizeMode(RxTableModel::COL_TIME, QHeaderView::ResizeToContents);
+    view->horizontalHeader()->setSectionResizeMode(RxTableModel::COL_MODULATION,
+                                                   QHeaderView::ResizeToContents);
     QAbstractItemModel* platforms = ui_->tableWidgetPlatforms->model();
     const auto changed = [this] { favouritesChanged_ = true; };
     connect(platforms, &QAbstractItemModel::rowsInserted, this, changed);

@@ -1,9 +1,13 @@
-// Main window, "Terminal" tab: typed commands and configuration scripts.
+// Main window, "Terminal" tab: typed commands and their history, the log view's menu, and
+// configuration scripts.
 #include "ui/MainWindow.h"
 
 #include "com/ScriptFile.h"
+#include "com/UartLink.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
+#include "ui/CommandHistory.h"
+#include "ui/TerminalLog.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
 #include "utils/OutputFile.h"
@@ -60,9 +64,31 @@ int platformRow(const QTableWidget& table, int index)
 
 } // namespace
 
+void MainWindow::setUpTerminal()
+{
+    // The link logs its own keep-alive exchange under a category of its own: a TEST typed by the
+    // user is a request like any other and stays in sight.
+    terminalLog_ = new TerminalLog(ui_->tableWidgetLogger,
+                                   QString::fromLatin1(Com::UartLink::kKeepAliveLogCategory), this);
+    commandHistory_ = new CommandHistory(ui_->lineEditTerminalCommand, this);
+}
+
+// The line leaves the edit, for the history, once the link has it (framed as a request or as
+// typed); one that never left, with no usable link, stays to be sent again.
 void MainWindow::slotSendManualGnxCmd()
 {
-    guard([&] { gnxLink_->sendManualCommand(ui_->lineEditTerminalCommand->text()); });
+    const QString command = ui_->lineEditTerminalCommand->text();
+    bool handed = false;
+    const auto taken = [&handed] { handed = true; };
+    const QMetaObject::Connection asRequest = connect(gnxLink_, &Com::GnxLink::sigSendRequest, this, taken);
+    const QMetaObject::Connection asLine = connect(gnxLink_, &Com::GnxLink::sigSendManualGnxCmd, this, taken);
+    guard([&] { gnxLink_->sendManualCommand(command); });
+    disconnect(asRequest);
+    disconnect(asLine);
+    if (!handed)
+        return;
+    commandHistory_->add(command);
+    ui_->lineEditTerminalCommand->clear();
 }
 
 void MainWindow::slotTerminalSaveScript()

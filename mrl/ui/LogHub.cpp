@@ -14,8 +14,11 @@ void handler(QtMsgType type, const QMessageLogContext& context, const QString& t
 {
     if (g_previous)
         g_previous(type, context, text);
-    if (LogHub* hub = g_hub.loadAcquire())
-        emit hub->sigMessage(QDateTime::currentDateTime(), int(type), text);
+    if (LogHub* hub = g_hub.loadAcquire()) {
+        const QDateTime now = QDateTime::currentDateTime();
+        emit hub->sigMessage(now, int(type), text);
+        emit hub->sigCategorisedMessage(now, int(type), text, QString::fromLatin1(context.category));
+    }
 }
 } // namespace
 

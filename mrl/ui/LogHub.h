@@ -18,6 +18,9 @@ public:
 
 signals:
     void sigMessage(QDateTime time, int type, QString text);
+    // The same message with the name of its logging category ("default" for plain qDebug() and
+    // the like), for views that treat some categories apart.
+    void sigCategorisedMessage(QDateTime time, int type, QString text, QString category);
 
 private:
     LogHub();

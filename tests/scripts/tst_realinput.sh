@@ -11,7 +11,7 @@ scratch=$(mktemp -d) log=$(mktemp)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch" "$log"' EXIT
 mkdir -p "$scratch/Data" "$scratch/run" && echo 0 >"$scratch/Data/format.vtl" && cd "$scratch/run" || exit 1
 export XDG_CONFIG_HOME=$scratch GNX_EXTRA_PORTS=$scratch/gnx0
-fail() { echo "FAIL: $1" && grep -v '^Send \|^Receive ' "$log" | tail -20 && exit 1; }
+fail() { echo "FAIL: $1" && grep -v '^\(ogm.link.keepalive: \)\?\(Send\|Receive\) ' "$log" | tail -20 && exit 1; }
 # Waits up to 30 s until the log holds TEXT N times.
 said() { for _ in $(seq 300); do [ "$(grep -cF -- "$1" "$log")" = "${2:-1}" ] && return 0; sleep 0.1; done; return 1; }
 # Where the widgets stand in the 1280x800 window at the top left of the screen.

@@ -9,6 +9,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDateTimeEdit>
+#include <QLabel>
 #include <QLineEdit>
 #include <QSettings>
 #include <QSignalSpy>
@@ -164,6 +165,49 @@ private slots:
         QCOMPARE(lines.size(), 6); // first session, three empty lines, second session, final ""
         QVERIFY(lines[1].isEmpty() && lines[2].isEmpty() && lines[3].isEmpty());
         QVERIFY(lines[4].endsWith(sessionLine.toUtf8()));
+    }
+
+    void noReceiverNotice_data()
+    {
+        QTest::addColumn<QString>("events"); // what happens to the port after the window is up
+        QTest::addColumn<bool>("shown");
+        QTest::newRow("no receiver") << "" << true;
+        QTest::newRow("receiver found") << "plug" << false;
+        QTest::newRow("receiver pulled out") << "plug unplug" << true;
+        QTest::newRow("receiver back") << "plug unplug replug" << false;
+    }
+
+    // With no receiver, the status bar tells how to get one: the udev rule and GNX_EXTRA_PORTS.
+    void noReceiverNotice()
+    {
+        QFETCH(QString, events);
+        QFETCH(bool, shown);
+        gnxsim::Options options = simOptions("gnx234");
+        options.linkPath = workDir_.filePath("gnx-notice");
+        QVERIFY(showWindow({})); // nothing there yet
+        qputenv("GNX_EXTRA_PORTS", options.linkPath.toLocal8Bit());
+        const QLabel* notice = window_->noReceiverLabel();
+        QTRY_VERIFY(notice->isVisible());
+        QCOMPARE(
+            notice->text(),
+            QString("No receiver found: plug one in (the package's udev rule 70-orvia-gonio-manager.rules "
+                    "grants access to it) or start with GNX_EXTRA_PORTS=<port path>[:<path>...] for "
+                    "other serial ports."));
+        QVERIFY(window_->statusBar()->isAncestorOf(notice));
+        // However long, the text does not make the window wider.
+        QVERIFY(window_->statusBar()->minimumSizeHint().width() < notice->sizeHint().width());
+        for (const QString& event : events.split(' ', Qt::SkipEmptyParts)) {
+            if (event == "plug")
+                QVERIFY(startSim(sim_, options));
+            else if (event == "unplug")
+                sim_->unplug();
+            else
+                sim_->replug();
+            const bool present = event != "unplug";
+            QTRY_VERIFY_WITH_TIMEOUT((window_->portAction(options.linkPath) != nullptr) == present, 10000);
+            QCOMPARE(notice->isVisible(), !present);
+        }
+        QCOMPARE(notice->isVisible(), shown);
     }
 
     void editsReachTheDevice_data() { connecting_data(); }

@@ -3,6 +3,7 @@
 #include "common/WindowFixture.h"
 #include "utils/GpsFormat.h"
 
+#include <QHeaderView>
 #include <QProcess>
 
 class TestRxTab : public QObject, private WindowFixture
@@ -185,6 +186,44 @@ private slots:
         ui()->lineEditRxIdFilter->clear();
         for (int row = 0; row < rx()->allRowCount(); ++row)
             QVERIFY(!rx()->isHidden(row));
+    }
+
+    void columnsFitTheirText_data()
+    {
+        QTest::addColumn<bool>("flash");
+        QTest::newRow("live report") << false;
+        QTest::newRow("read from flash") << true;
+    }
+
+    // The time is read whole however its row came; the empty modulation takes its header's room;
+    // the other columns are the user's to size, and a flash read fits them to their rows.
+    void columnsFitTheirText()
+    {
+        using Model = OrviaGonioManager::Utils::RxTableModel;
+        QFETCH(bool, flash);
+        QVERIFY(connectModel("gnx234", flash ? 4 : 0));
+        ui()->tabWidget->setCurrentWidget(ui()->tabRx);
+        QTableView* view = ui()->tableViewRx;
+        const QAbstractItemView* cells = view; // where the cells' size hint is public
+        const QHeaderView* header = view->horizontalHeader();
+        if (flash)
+            ui()->pushButtonRxFlashRead->click();
+        else
+            emitFrom(usedSlots_[0], true);
+        const QString time = cell(0, Model::COL_TIME);
+        QVERIFY(QDateTime::fromString(time, "yyyy-MM-ddThh:mm:ss").isValid());
+        QTRY_VERIFY(view->columnWidth(Model::COL_TIME) >= cells->sizeHintForColumn(Model::COL_TIME));
+        QVERIFY(view->columnWidth(Model::COL_TIME) > view->fontMetrics().horizontalAdvance(time));
+        QCOMPARE(cell(0, Model::COL_MODULATION), QString());
+        QTRY_COMPARE(view->columnWidth(Model::COL_MODULATION),
+                     header->sectionSizeHint(Model::COL_MODULATION));
+        for (int c = 0; c < Model::COLUMN_COUNT; ++c) {
+            if (c == Model::COL_TIME || c == Model::COL_MODULATION)
+                continue;
+            QCOMPARE(header->sectionResizeMode(c), QHeaderView::Interactive);
+            const int fitted = qMax(cells->sizeHintForColumn(c), header->sectionSizeHint(c));
+            QCOMPARE(view->columnWidth(c), flash ? fitted : header->defaultSectionSize());
+        }
     }
 
     void readFlash_data() { bothModels(); }
