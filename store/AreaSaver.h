@@ -58,7 +58,7 @@ signals:
 
 private:
     QThread thread_;
-    // Made for each save in the thread; deleted once its finished() is here.
+    // Made for each save and moved to thread_; deleted once its finished() has come here.
     AreaJob* job_ = nullptr;
     QString error_;
 };

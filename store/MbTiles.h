@@ -62,7 +62,6 @@ private:
     MbTiles(const QString& path, const QString& connection, bool writable);
     bool connect(QString* error);
     bool check(QString* error);
-    bool makeTables(QString* error);
     void readZooms();
     bool begin();
     bool fail(const QSqlQuery& query, const QString& what) const;

@@ -28,8 +28,8 @@ public:
     // again for what the map shows. An empty path turns the file off.
     void setMbTiles(const QString& path);
     // urlTemplate has {z}, {x} and {y}; empty turns the server off. Its tiles are kept in an
-    // MBTiles file of their own in cacheDirectory (empty: the user's cache folder,
-    // ~/.cache/<application>/tiles), which keeps serving them when the server is gone.
+    // MBTiles file of their own in cacheDirectory (empty: tiles/ in the application's cache
+    // folder, ~/.cache/<organisation>/<application>), which serves them when the server is gone.
     void setServer(const QString& urlTemplate, const QString& attribution, const QString& cacheDirectory);
 
     // Answered by tileReady or tileMissing, once however often it is asked before the answer.
