@@ -6,7 +6,7 @@ MODEL ?= gnx234
 # A drive past platforms at known positions for the emulator (sim/scenarios/NAME.json), e.g. drive.
 SCENARIO ?=
 
-.PHONY: all deps configure build run test test-asan bench fuzz fuzz-long soak screenshot package package-check clean
+.PHONY: all deps configure build run test test-asan bench fuzz fuzz-long soak screenshot basemap package package-check clean
 
 all: build
 
@@ -58,6 +58,10 @@ soak: build
 
 screenshot: build
 	@scripts/screenshot.sh $(BUILD) $(MODEL)
+
+# The Bearings map's world basemap, from Debian's copy of NASA's Blue Marble (docs/bearings.md).
+basemap: deps
+	@mkdir -p $(BUILD)/Data && scripts/make-basemap.sh $(BUILD)/Data/basemap.mbtiles
 
 clean:
 	@rm -rf $(BUILD) $(BUILD)-asan fuzz-build

@@ -45,7 +45,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Orvia Gonio Manager developers <gonio@orvia.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://orvia.example/gonio-manager")
+set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${OGM_HOMEPAGE})
 string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "Orvia Gonio Manager connects to a GNX134 or GNX234 goniometer receiver over\n"
     "its USB serial port: versions and status, setups, clock, favourite platforms,\n"
@@ -56,8 +56,9 @@ string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
     "MQTT broker as an unattended station.\n"
     "\n"
     "The receiver emulator gnxsim is included, for training without hardware.")
-# Libraries come from the binaries; the platform plugin is loaded at run time, so it is named.
+# Libraries come from the binaries; the platform plugin and the SQLite driver (the map's tiles)
+# are loaded at run time, so they are named.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6sql6-sqlite")
 set(CPACK_STRIP_FILES ON)
 include(CPack)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages needed to build, test, run the emulator, take screenshots and
-# build and check the Debian package.
+# Installs the Debian packages needed to build, test, run the emulator, make the world basemap,
+# take screenshots and build and check the Debian package.
 # Runs apt only when something is missing; safe to run any number of times.
 set -euo pipefail
 
@@ -12,6 +12,7 @@ packages=(
     dpkg-dev fakeroot lintian desktop-file-utils appstream
     libmosquitto-dev mosquitto mosquitto-clients libssl-dev openssl
     libgeographiclib-dev gdal-bin
+    libqt6sql6-sqlite python3 marble-qt-data
     libcli11-dev libsystemd-dev systemd
 )
 

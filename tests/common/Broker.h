@@ -2,31 +2,18 @@
 // A real mosquitto on 127.0.0.1 and a free port, with a configuration written here, and TLS
 // listeners on demand with certificates made here by openssl; and a mosquitto_sub that collects
 // what it receives, one "topic payload" a line.
+#include "common/FreePort.h"
+
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
 
-#include <netinet/in.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace TestSupport {
-
-inline int freePort()
-{
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof a;
-    ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &length);
-    ::close(s);
-    return ntohs(a.sin_port);
-}
 
 class Broker
 {
