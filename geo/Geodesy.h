@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QMetaType>
+
 namespace OrviaGonioManager::Geo {
 
 // A point on the WGS84 ellipsoid, degrees.
@@ -20,3 +22,5 @@ GeoPoint destination(const GeoPoint& from, double azimuth, double metres);
 } // namespace Geodesy
 
 } // namespace OrviaGonioManager::Geo
+
+Q_DECLARE_METATYPE(OrviaGonioManager::Geo::GeoPoint)

@@ -2,11 +2,11 @@
 
 #include "geo/BearingExport.h"
 #include "geo/Homing.h"
-#include "geo/LocalProjection.h"
 #include "mrl/ui/Dialogs.h"
 #include "mrl/utils/Exception.h"
 #include "ui/BearingMapWidget.h"
 #include "ui/CompassWidget.h"
+#include "ui/MapSource.h"
 #include "utils/RxTableModel.h"
 
 #include <QCheckBox>
@@ -22,6 +22,7 @@
 #include <QSplitter>
 #include <QTabWidget>
 #include <QTableWidget>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -39,17 +40,21 @@ constexpr int kRefreshDelayMs = 200; // messages arriving together are taken tog
 constexpr size_t kMapLines = 100;    // per platform, the newest: more only hide one another
 const QString kAllFavourites = QStringLiteral("All favourites");
 
-QSettings preferences()
-{
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
-                     QStringLiteral("OrviaGonioManagerBearings"));
-}
-
 QTableWidgetItem* cell(const QString& text)
 {
     auto* item = new QTableWidgetItem(text);
     item->setFlags(item->flags() & ~Qt::ItemIsEditable);
     return item;
+}
+
+QString latitudeText(double degrees)
+{
+    return QStringLiteral("%1° %2").arg(std::abs(degrees), 0, 'f', 5).arg(degrees < 0 ? 'S' : 'N');
+}
+
+QString longitudeText(double degrees)
+{
+    return QStringLiteral("%1° %2").arg(std::abs(degrees), 0, 'f', 5).arg(degrees < 0 ? 'W' : 'E');
 }
 
 QString number(double v, int decimals)
@@ -82,6 +87,12 @@ BearingsWindow::BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angle
     fixThread_.start();
 }
 
+QSettings BearingsWindow::preferences()
+{
+    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
+                     QStringLiteral("OrviaGonioManagerBearings"));
+}
+
 BearingsWindow::~BearingsWindow()
 {
     fixThread_.quit();
@@ -104,9 +115,23 @@ void BearingsWindow::buildLayout()
     leftLayout->addWidget(homing_);
     leftLayout->addWidget(compass_, 1);
     map_ = new BearingMapWidget(this);
+    mapSource_ = new MapSource(map_, this);
+    mapStatus_ = new QLabel(this);
+    mapStatus_->setObjectName(QStringLiteral("labelBearingsMapStatus"));
+    mapStatus_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    connect(map_, &BearingMapWidget::cursorMoved, this, [this](const Geo::GeoPoint& at) {
+        mapStatus_->setText(
+            QStringLiteral("%1  %2").arg(latitudeText(at.latitude), longitudeText(at.longitude)));
+    });
+    connect(mapSource_, &MapSource::message, mapStatus_, &QLabel::setText);
+    auto* right = new QWidget(this);
+    auto* rightLayout = new QVBoxLayout(right);
+    rightLayout->setContentsMargins(0, 0, 0, 0);
+    rightLayout->addWidget(map_, 1);
+    rightLayout->addWidget(mapStatus_);
     auto* views = new QSplitter(Qt::Horizontal, this);
     views->addWidget(left);
-    views->addWidget(map_);
+    views->addWidget(right);
     views->setStretchFactor(1, 2);
 
     fixTable_ = new QTableWidget(0, 9, this);
@@ -167,6 +192,11 @@ QWidget* BearingsWindow::buildControls()
     range_->setSuffix(QStringLiteral(" km"));
     auto* fit = new QPushButton(QStringLiteral("Fit"), bar);
     fit->setObjectName(QStringLiteral("pushButtonBearingsFit"));
+    auto* mapMenu = new QToolButton(bar);
+    mapMenu->setObjectName(QStringLiteral("toolButtonBearingsMap"));
+    mapMenu->setText(QStringLiteral("Map"));
+    mapMenu->setPopupMode(QToolButton::InstantPopup);
+    mapMenu->setMenu(mapSource_->menu());
     row->addWidget(new QLabel(QStringLiteral("Platform"), bar));
     row->addWidget(platform_);
     row->addWidget(new QLabel(QStringLiteral("Needles"), bar));
@@ -175,6 +205,7 @@ QWidget* BearingsWindow::buildControls()
     row->addWidget(new QLabel(QStringLiteral("Bearing lines"), bar));
     row->addWidget(range_);
     row->addWidget(fit);
+    row->addWidget(mapMenu);
     row->addStretch(1);
     for (const QString& what : {QStringLiteral("GeoJSON"), QStringLiteral("KML"), QStringLiteral("GPX")}) {
         auto* button = new QPushButton(QStringLiteral("Export %1...").arg(what), bar);
@@ -224,6 +255,7 @@ QWidget* BearingsWindow::buildAntennaPanel()
 
 void BearingsWindow::loadPreferences()
 {
+    mapSource_->load();
     QSettings s = preferences();
     needles_->setValue(s.value(QStringLiteral("needles"), 20).toInt());
     reference_->setCurrentIndex(s.value(QStringLiteral("relativeToHeading"), false).toBool() ? 1 : 0);
@@ -471,22 +503,13 @@ void BearingsWindow::updateMap()
 {
     BearingMapWidget::Scene scene;
     const auto& track = set_.track();
-    if (track.empty()) {
-        map_->setScene(scene);
-        return;
-    }
-    const Geo::LocalProjection projection(track.back());
-    const auto xy = [&](const Geo::GeoPoint& g) {
-        const auto v = projection.forward(g);
-        return QPointF(v.x, v.y);
-    };
     // The drawn track needs no point closer than about 10 m to the last one.
     constexpr double kTrackStep = 1e-4; // degrees
     Geo::GeoPoint last{1000, 1000};
     for (const Geo::GeoPoint& g : track)
         if (std::abs(g.latitude - last.latitude) + std::abs(g.longitude - last.longitude) >= kTrackStep ||
             &g == &track.back()) {
-            scene.track << xy(g);
+            scene.track.push_back(g);
             last = g;
         }
     const double range = range_->value() * 1000.0;
@@ -498,20 +521,17 @@ void BearingsWindow::updateMap()
         for (auto b = p->bearings.rbegin(); b != p->bearings.rend(); ++b) {
             if (b->payload && !sent.contains({b->payload->latitude, b->payload->longitude})) {
                 sent.insert({b->payload->latitude, b->payload->longitude});
-                scene.payloads.push_back({p->id, xy(*b->payload), colour, {}});
+                scene.payloads.push_back({p->id, *b->payload, colour, {}});
             }
             if (b->use && b->receiverValid && lines.lines.size() < kMapLines)
-                lines.lines.emplace_back(xy(b->receiver),
-                                         xy(Geo::Geodesy::destination(b->receiver, b->trueBearing, range)));
+                lines.lines.push_back(Geo::BearingExport::bearingLine(b->receiver, b->trueBearing, range));
         }
         scene.bearings.push_back(std::move(lines));
         const auto f = fixes_.find(p->id);
         if (f == fixes_.end() || !f->second.ok)
             continue;
-        BearingMapWidget::FixMark mark{{p->id, xy(f->second.position), colour, p->name()}, {}};
-        for (const Geo::GeoPoint& g : Geo::BearingExport::ellipseRing(f->second))
-            mark.ellipse << xy(g);
-        scene.fixes.push_back(std::move(mark));
+        scene.fixes.push_back(
+            {{p->id, f->second.position, colour, p->name()}, Geo::BearingExport::ellipseRing(f->second)});
     }
     map_->setScene(std::move(scene));
 }

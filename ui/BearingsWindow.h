@@ -2,6 +2,7 @@
 
 #include "geo/BearingSet.h"
 
+#include <QSettings>
 #include <QThread>
 #include <QTimer>
 #include <QWidget>
@@ -20,6 +21,7 @@ class RxTableModel;
 namespace OrviaGonioManager::Ui {
 
 class BearingMapWidget;
+class MapSource;
 class CompassWidget;
 
 // Where the transmitters are: a compass, an offline map, fixes from bearings and an antenna
@@ -36,6 +38,10 @@ public:
     BearingsWindow(const Utils::RxTableModel* model, QSpinBox* angleOffset, QComboBox* distanceUnit,
                    QWidget* parent = nullptr);
     ~BearingsWindow() override;
+
+    // The window's own preferences, in the user's scope: never the program's settings file.
+    static QSettings preferences();
+    MapSource* mapSource() const { return mapSource_; }
 
     const Geo::BearingSet& bearings() const { return set_; }
     // The fixes of the bearings as they are now, once fixesReady() says so: they are computed
@@ -106,6 +112,8 @@ private:
     CompassWidget* compass_ = nullptr;
     QLabel* homing_ = nullptr;
     BearingMapWidget* map_ = nullptr;
+    MapSource* mapSource_ = nullptr;
+    QLabel* mapStatus_ = nullptr;
     QTableWidget* fixTable_ = nullptr;
     QTableWidget* bearingList_ = nullptr;
     QLabel* antennaText_ = nullptr;
