@@ -19,7 +19,6 @@ namespace OrviaGonioManager::Geo::BearingExport {
 
 namespace {
 
-constexpr int kLinePoints = 16;
 const char* const kFormat = "orvia-bearings";
 
 QString isoTime(qint64 ms)
@@ -195,11 +194,11 @@ std::vector<GeoPoint> ellipseRing(const Fix& fix, int points)
     return ring;
 }
 
-std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double metres)
+std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double metres, int segments)
 {
     std::vector<GeoPoint> line;
-    for (int i = 0; i <= kLinePoints; ++i)
-        line.push_back(Geodesy::destination(from, bearing, metres * i / kLinePoints));
+    for (int i = 0; i <= segments; ++i)
+        line.push_back(Geodesy::destination(from, bearing, metres * i / segments));
     return line;
 }
 

@@ -31,8 +31,10 @@ QByteArray gpx(const BearingSet& set);
 
 // The 95% ellipse as a closed ring of points.
 std::vector<GeoPoint> ellipseRing(const Fix& fix, int points = kEllipsePoints);
-// A bearing line from its point, as a geodesic through a few points.
-std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double metres);
+// A bearing line from its point, as a geodesic through segments + 1 points.
+constexpr int kLineSegments = 16;
+std::vector<GeoPoint> bearingLine(const GeoPoint& from, double bearing, double metres,
+                                  int segments = kLineSegments);
 
 // A line cut where a segment crosses the antimeridian (longitudes more than 180 degrees apart):
 // each crossing ends a piece at +180 or -180 and starts the next at the other, at the latitude

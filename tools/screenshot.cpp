@@ -1,19 +1,25 @@
 // Takes the README's screenshots: the window connected to an in-process emulator.
-// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index | flash-read | bearings]
+// Usage: ogm_screenshot <output.png> [gnx134|gnx234] [tab index | flash-read | bearings [MBTILES]]
 // "flash-read" shows a flash read at the receiver's line rate, caught part-way; "bearings" the
-// Bearings window on the emulator's drive past three platforms, read from its flash memory.
+// Bearings window on the emulator's cruise past three buoys (sim/scenarios/gulf.json), read from
+// its flash memory, homing on one of them. Its map takes the tiles the user's Bearings
+// preferences name (map/mbtiles, map/tileUrl, map/tileAttribution, map/cache), or MBTILES.
 #include "app/Settings.h"
 #include "mrl/utils/DateTime.h"
 #include "mrl/utils/ToplevelApplication.h"
 #include "sim/PtySimulator.h"
 #include "sim/Scenario.h"
+#include "store/TileSource.h"
+#include "ui/BearingMapWidget.h"
 #include "ui/BearingsWindow.h"
 #include "ui/JobPanel.h"
 #include "ui/MainWindow.h"
+#include "ui/MapSource.h"
 #include "ui_MainWindow.h"
 #include "utils/JobProgress.h"
 
 #include <QAction>
+#include <QComboBox>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -21,6 +27,8 @@
 #include <QSpinBox>
 #include <QTemporaryDir>
 #include <QTimer>
+
+namespace OgmUi = OrviaGonioManager::Ui;
 
 int main(int argc, char** argv)
 {
@@ -47,7 +55,7 @@ int main(int argc, char** argv)
     if (bearings) {
         QString error;
         options.scenario =
-            gnxsim::Scenario::load(QStringLiteral(OGM_SOURCE_DIR "/sim/scenarios/drive.json"), &error);
+            gnxsim::Scenario::load(QStringLiteral(OGM_SOURCE_DIR "/sim/scenarios/gulf.json"), &error);
         if (!options.scenario) {
             qCritical("%s", qPrintable(error));
             return 1;
@@ -60,6 +68,14 @@ int main(int argc, char** argv)
         return 1;
     }
 
+    // The user's choice of map tiles, taken before the settings move to the scratch directory.
+    QMap<QString, QVariant> map;
+    for (const char* key : {OgmUi::MapSource::kMbTilesKey, OgmUi::MapSource::kTileUrlKey,
+                            OgmUi::MapSource::kAttributionKey, OgmUi::MapSource::kCacheKey})
+        map.insert(QLatin1String(key), OgmUi::BearingsWindow::preferences().value(QLatin1String(key)));
+    if (!args.value(4).isEmpty())
+        map.insert(QLatin1String(OgmUi::MapSource::kMbTilesKey), QFileInfo(args.value(4)).absoluteFilePath());
+
     // Settings and logs stay in a scratch directory.
     QTemporaryDir work;
     QDir(work.path()).mkpath(QStringLiteral("run"));
@@ -71,6 +87,9 @@ int main(int argc, char** argv)
         "XDG_CONFIG_HOME",
         work.filePath(QStringLiteral("config")).toLocal8Bit()); // the user's own preferences stay as they are
     OrviaGonioManager::Utils::Settings::instance().keepAlivePeriodMs = 0;
+    for (auto it = map.cbegin(); it != map.cend(); ++it)
+        if (!it.value().isNull())
+            OgmUi::BearingsWindow::preferences().setValue(it.key(), it.value());
 
     qputenv("GNX_EXTRA_PORTS", sim.slavePath().toLocal8Bit());
     OrviaGonioManager::Ui::MainWindow window;
@@ -102,16 +121,24 @@ int main(int argc, char** argv)
     if (bearings) {
         window.form()->tabWidget->setCurrentIndex(2);
         window.form()->pushButtonRxFlashRead->click();
-        OrviaGonioManager::Ui::BearingsWindow* w = window.bearingsWindow();
+        OgmUi::BearingsWindow* w = window.bearingsWindow();
         w->resize(1200, 860);
-        w->findChild<QSpinBox*>(QStringLiteral("spinBoxBearingsRange"))->setValue(12);
+        w->findChild<QSpinBox*>(QStringLiteral("spinBoxBearingsRange"))->setValue(150);
         w->show();
-        QTimer::singleShot(800, &app, [&] {
-            status = w->grab().save(output) ? 0 : 1;
-            app.quit();
-        });
-        app.exec();
-        return status;
+        // Once the fixes are in, home on a buoy and wait for the tiles the view needs.
+        const QDeadlineTimer ready(20000);
+        while (!(w->fixesReady() && w->fixes().size() == 3) && !ready.hasExpired())
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+        auto* platform = w->findChild<QComboBox*>(QStringLiteral("comboBoxBearingsPlatform"));
+        platform->setCurrentIndex(platform->findData(QStringLiteral("2A1B3")));
+        w->map()->fit();
+        const QDeadlineTimer tiles(10000);
+        do {
+            w->map()->grab();
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+        } while ((w->map()->tileSource()->pendingCount() > 0) && !tiles.hasExpired());
+        QCoreApplication::processEvents();
+        return w->grab().save(output) ? 0 : 1;
     }
     const int tab = args.value(3).toInt();
     if (tab > 0) {

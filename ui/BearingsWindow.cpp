@@ -47,6 +47,13 @@ QTableWidgetItem* cell(const QString& text)
     return item;
 }
 
+// Enough points for a bearing line to follow its geodesic on the map within a few metres: a
+// geodesic of 50 km strays about 50 m from the straight line between its ends.
+int mapSegments(double metres)
+{
+    return std::clamp(int(std::ceil(metres / 12500.0)), 1, Geo::BearingExport::kLineSegments * 4);
+}
+
 QString latitudeText(double degrees)
 {
     return QStringLiteral("%1° %2").arg(std::abs(degrees), 0, 'f', 5).arg(degrees < 0 ? 'S' : 'N');
@@ -524,7 +531,8 @@ void BearingsWindow::updateMap()
                 scene.payloads.push_back({p->id, *b->payload, colour, {}});
             }
             if (b->use && b->receiverValid && lines.lines.size() < kMapLines)
-                lines.lines.push_back(Geo::BearingExport::bearingLine(b->receiver, b->trueBearing, range));
+                lines.lines.push_back(
+                    Geo::BearingExport::bearingLine(b->receiver, b->trueBearing, range, mapSegments(range)));
         }
         scene.bearings.push_back(std::move(lines));
         const auto f = fixes_.find(p->id);
