@@ -1,4 +1,5 @@
 #include "ui/CommandHistory.h"
+#include "ui/UserSettings.h"
 
 #include <QKeyEvent>
 #include <QLineEdit>
@@ -9,12 +10,6 @@ namespace OrviaGonioManager::Ui {
 namespace {
 
 const QString kHistoryKey = QStringLiteral("terminal/commandHistory");
-
-QSettings userSettings()
-{
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
-                     QStringLiteral("OrviaGonioManager"));
-}
 
 } // namespace
 

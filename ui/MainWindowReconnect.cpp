@@ -2,6 +2,7 @@
 // removed receiver simply ends its session; the choice is kept in the user's own settings, apart
 // from the program's settings file.
 #include "ui/MainWindow.h"
+#include "ui/UserSettings.h"
 
 #include <QAction>
 #include <QDebug>
@@ -16,12 +17,6 @@ namespace {
 
 const QString kReconnectKey = QStringLiteral("reconnectAutomatically");
 constexpr qint64 kReconnectWindowMs = 10 * 60 * 1000;
-
-QSettings userSettings()
-{
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
-                     QStringLiteral("OrviaGonioManager"));
-}
 
 } // namespace
 

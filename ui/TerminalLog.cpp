@@ -1,4 +1,5 @@
 #include "ui/TerminalLog.h"
+#include "ui/UserSettings.h"
 
 #include "mrl/ui/LogHub.h"
 #include "mrl/ui/UiLogger.h"
@@ -18,12 +19,6 @@ namespace OrviaGonioManager::Ui {
 namespace {
 
 const QString kHideKey = QStringLiteral("terminal/hideKeepAliveLines");
-
-QSettings userSettings()
-{
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Orvia"),
-                     QStringLiteral("OrviaGonioManager"));
-}
 
 } // namespace
 
