@@ -1,6 +1,5 @@
 #pragma once
-// Tiles made here as PNG files, and the test tile server (tile_server.py, Python's http.server)
-// started for real on 127.0.0.1 and a free port over a folder of them.
+// PNG tiles made here, and tile_server.py (Python's http.server) started on a free port over them.
 #include "common/FreePort.h"
 #include "geo/TileMath.h"
 
@@ -10,12 +9,16 @@
 #include <QImage>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QTest>
 
 namespace TestSupport {
 
-// A PNG of 256 x 256 pixels whose colour and corner pixels tell the tile (and a variant) apart.
-inline QByteArray pngTile(const OrviaGonioManager::Geo::TileId& id, int variant = 0)
+using OrviaGonioManager::Geo::TileId;
+
+// 256 x 256 pixels whose colour and first two rows (x and y in bits) tell the tile and variant apart.
+inline QByteArray pngTile(const TileId& id, int variant = 0)
 {
     QImage image(256, 256, QImage::Format_RGB32);
     image.fill(qRgb((id.x * 53 + variant * 101) % 256, (id.y * 97) % 256, (id.z * 31 + 40) % 256));
@@ -30,20 +33,34 @@ inline QByteArray pngTile(const OrviaGonioManager::Geo::TileId& id, int variant 
     return png;
 }
 
-// Every tile of the world from zoom 0 to maxZoom as DIR/z/x/y.png, but those left out.
-inline void writeTiles(const QString& dir, int maxZoom,
-                       const QList<OrviaGonioManager::Geo::TileId>& leftOut = {})
+// Runs the statements on the file through a connection of the test's own; the first column of the
+// last one's first row.
+inline QVariant sql(const QString& path, const QStringList& statements)
+{
+    QVariant value;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("test-sql"));
+        db.setDatabaseName(path);
+        QSqlQuery q(db);
+        if (db.open())
+            for (const QString& s : statements)
+                value = q.exec(s) && q.next() ? q.value(0) : QVariant();
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("test-sql"));
+    return value;
+}
+
+// Every tile of the world from zoom 0 to maxZoom as DIR/z/x/y.png, but the one left out.
+inline void writeTiles(const QString& dir, int maxZoom, const TileId& leftOut)
 {
     for (int z = 0; z <= maxZoom; ++z)
         for (int x = 0; x < (1 << z); ++x)
             for (int y = 0; y < (1 << z); ++y) {
-                if (leftOut.contains(OrviaGonioManager::Geo::TileId{z, x, y}))
+                if (TileId{z, x, y} == leftOut)
                     continue;
-                const QString folder = QStringLiteral("%1/%2/%3").arg(dir).arg(z).arg(x);
-                QDir().mkpath(folder);
-                QFile f(QStringLiteral("%1/%2.png").arg(folder).arg(y));
-                QVERIFY(f.open(QIODevice::WriteOnly));
-                QVERIFY(f.write(pngTile({z, x, y})) > 0);
+                QDir().mkpath(QStringLiteral("%1/%2/%3").arg(dir).arg(z).arg(x));
+                QFile f(QStringLiteral("%1/%2/%3/%4.png").arg(dir).arg(z).arg(x).arg(y));
+                QVERIFY(f.open(QIODevice::WriteOnly) && f.write(pngTile({z, x, y})) > 0);
             }
 }
 
@@ -64,17 +81,12 @@ public:
     bool start(const QString& dir, int delayMs = 0)
     {
         port_ = freePort();
-        process_.setProgram(QStringLiteral("python3"));
-        process_.setArguments(
-            {QStringLiteral(OGM_TILE_SERVER_PY), QString::number(port_), dir, QString::number(delayMs)});
-        process_.setProcessChannelMode(QProcess::SeparateChannels);
+        process_.start(QStringLiteral("python3"), {QStringLiteral(OGM_TILE_SERVER_PY), QString::number(port_),
+                                                   dir, QString::number(delayMs)});
         QObject::connect(&process_, &QProcess::readyReadStandardOutput, [this] { readLines(); });
-        process_.start();
-        if (!process_.waitForStarted())
-            return false;
-        QSignalSpy ready(&process_, &QProcess::readyReadStandardOutput);
-        while (!ready_ && process_.state() == QProcess::Running)
-            ready.wait(10000);
+        QSignalSpy output(&process_, &QProcess::readyReadStandardOutput);
+        while (!ready_ && process_.waitForStarted() && process_.state() == QProcess::Running)
+            output.wait(10000);
         if (!ready_)
             qWarning("tile server: %s", process_.readAllStandardError().constData());
         return ready_;
@@ -82,16 +94,12 @@ public:
 
     void stop()
     {
-        if (process_.state() == QProcess::NotRunning)
-            return;
         process_.kill();
         process_.waitForFinished();
     }
 
-    int port() const { return port_; }
     QString urlTemplate() const { return QStringLiteral("http://127.0.0.1:%1/{z}/{x}/{y}.png").arg(port_); }
     const QList<Request>& requests() const { return requests_; }
-    void clearRequests() { requests_.clear(); }
     int peakUnderWay() const
     {
         int peak = 0;
@@ -99,23 +107,16 @@ public:
             peak = std::max(peak, r.underWay);
         return peak;
     }
-    int requestsFor(const QString& path) const
-    {
-        return int(std::count_if(requests_.begin(), requests_.end(),
-                                 [&](const Request& r) { return r.path == path; }));
-    }
 
 private:
     void readLines()
     {
         while (process_.canReadLine()) {
             const QString line = QString::fromUtf8(process_.readLine()).trimmed();
-            if (line == QLatin1String("ready")) {
-                ready_ = true;
-                continue;
-            }
             const QStringList f = line.split(QLatin1Char(' '));
-            if (f.size() >= 4 && f[0] == QLatin1String("GET"))
+            if (line == QLatin1String("ready"))
+                ready_ = true;
+            else if (f.size() >= 4 && f[0] == QLatin1String("GET"))
                 requests_.append({f[1], f[2].toInt(), f[3].toInt(), f.mid(4).join(QLatin1Char(' '))});
         }
     }

@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
-"""The tests' tile server: Python's own http.server over a folder of z/x/y.png files, on
-127.0.0.1 and a port the test chose. It prints "ready" once listening, then one line a request:
-"GET <path> <status> <requests under way, this one included> <User-Agent>", so that the test sees
-what reached the server and how many at once.
+"""The tests' tile server: Python's http.server over a folder of z/x/y.png, on 127.0.0.1:PORT.
+Prints "ready", then a line a request: "GET <path> <status> <requests under way> <User-Agent>".
 
     tile_server.py PORT DIR [DELAY_MS]
 """
@@ -20,27 +18,24 @@ busy = 0
 
 class Handler(http.server.SimpleHTTPRequestHandler):
     protocol_version = "HTTP/1.1"  # keep-alive, as a real tile server
-    disable_nagle_algorithm = True  # headers and body go out at once, not 40 ms apart
+    disable_nagle_algorithm = True
 
     def do_GET(self):
         global busy
         with lock:
             busy += 1
-            now = busy
+            self.under_way = busy
         try:
-            if delay:
-                time.sleep(delay)  # so that requests overlap when a client sends them together
-            self.under_way = now
+            time.sleep(delay)  # so that requests sent together overlap
             super().do_GET()
         finally:
             with lock:
                 busy -= 1
 
     def log_request(self, code="-", size="-"):
-        line = "GET %s %s %d %s\n" % (self.path, code, getattr(self, "under_way", 0),
-                                      self.headers.get("User-Agent", ""))
-        with lock:  # one whole line at a time from the server's threads
-            sys.stdout.write(line)
+        with lock:  # one whole line at a time
+            sys.stdout.write("GET %s %s %d %s\n" % (self.path, code, getattr(self, "under_way", 0),
+                                                   self.headers.get("User-Agent", "")))
             sys.stdout.flush()
 
     def log_message(self, format, *args):
