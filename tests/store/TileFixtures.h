@@ -2,6 +2,7 @@
 // PNG tiles made here, and tile_server.py (Python's http.server) started on a free port over them.
 #include "common/FreePort.h"
 #include "geo/TileMath.h"
+#include "store/MbTiles.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -31,6 +32,22 @@ inline QByteArray pngTile(const TileId& id, int variant = 0)
     buffer.open(QIODevice::WriteOnly);
     image.save(&buffer, "PNG");
     return png;
+}
+
+// An MBTiles file of the tiles given as pngTile(t, variant), committed; null if it could not be made.
+inline std::unique_ptr<OrviaGonioManager::Store::MbTiles>
+mbtilesFile(const QString& path, const QList<TileId>& tiles, int variant = 0,
+            const QMap<QString, QString>& metadata = {
+                {"name", "Test tiles"}, {"format", "png"}, {"attribution", "Test data"}})
+{
+    QString error;
+    auto file = OrviaGonioManager::Store::MbTiles::create(path, metadata, &error);
+    for (const TileId& t : tiles)
+        if (!file || !file->put(t, pngTile(t, variant)))
+            return {};
+    if (!file || !file->commit())
+        return {};
+    return file;
 }
 
 // Runs the statements on the file through a connection of the test's own; the first column of the

@@ -19,11 +19,8 @@ using TestSupport::sql;
 
 namespace {
 
-const QMap<QString, QString> kMetadata{{"name", "Test tiles"},
-                                       {"format", "png"},
-                                       {"minzoom", "0"},
-                                       {"maxzoom", "1"},
-                                       {"attribution", "Test data"}};
+const QMap<QString, QString> kMetadata{
+    {"name", "Test tiles"}, {"format", "png"}, {"attribution", "Test data"}};
 
 QByteArray contents(const QString& path)
 {
@@ -49,17 +46,9 @@ private slots:
     void basemapScript();
 
 private:
-    std::unique_ptr<MbTiles> made(const QString& name, const QList<TileId>& tiles,
-                                  const QMap<QString, QString>& meta = kMetadata)
+    std::unique_ptr<MbTiles> made(const QString& name, const QList<TileId>& tiles)
     {
-        QString error;
-        auto file = MbTiles::create(dir_.filePath(name), meta, &error);
-        for (const TileId& t : tiles)
-            if (!file || !file->put(t, pngTile(t)))
-                return {};
-        if (!file || !file->commit())
-            return {};
-        return file;
+        return TestSupport::mbtilesFile(dir_.filePath(name), tiles);
     }
 
     QTemporaryDir dir_;
@@ -81,18 +70,15 @@ void TstMbTiles::tilesBack()
     QFETCH(QList<TileId>, tiles);
     QFETCH(int, minZoom);
     QFETCH(int, maxZoom);
-    QMap<QString, QString> meta = kMetadata;
-    meta.remove("minzoom");
-    meta.remove("maxzoom");
     const QString path = dir_.filePath(QString("back-%1.mbtiles").arg(QTest::currentDataTag()));
-    QVERIFY(made(QFileInfo(path).fileName(), tiles, meta));
+    QVERIFY(made(QFileInfo(path).fileName(), tiles));
     QCOMPARE(QFileInfo(path).permissions() & QFile::ReadOther, QFile::ReadOther); // not a private temp file
 
     QString error;
     auto file = MbTiles::open(path, &error);
     QVERIFY2(file, qPrintable(error));
-    QCOMPARE(file->metadata(), meta);
-    QCOMPARE(file->minZoom(), minZoom); // from the tiles, as the metadata has none
+    QCOMPARE(file->metadata(), kMetadata);
+    QCOMPARE(file->minZoom(), minZoom); // from the tiles, as the metadata has no zooms
     QCOMPARE(file->maxZoom(), maxZoom);
     QCOMPARE(file->tileCount(), qint64(tiles.size()));
     for (const TileId& t : tiles) {

@@ -49,17 +49,6 @@ const QList<TileId> kSome{{0, 0, 0}, {1, 1, 0}, {2, 3, 1}, {3, 5, 2}, {3, 0, 7}}
 const TileId kAbsent{3, 7, 7}; // not on the server: it answers 404
 const AreaSaver::Area kWorld{-85, -180, 85, 180, 0, 3};
 
-bool mbtilesOf(const QString& path, const QList<TileId>& tiles, int variant = 0)
-{
-    QString error;
-    auto file =
-        MbTiles::create(path, {{"name", "area"}, {"format", "png"}, {"attribution", "Area data"}}, &error);
-    for (const TileId& t : tiles)
-        if (!file || !file->put(t, pngTile(t, variant)))
-            return false;
-    return file->commit();
-}
-
 } // namespace
 
 Q_DECLARE_METATYPE(AreaSaver::Area)
@@ -148,7 +137,7 @@ void TstTileSource::serverThenCache()
 void TstTileSource::fileBeforeServer()
 {
     const QString file = dir_.filePath("area.mbtiles");
-    QVERIFY(mbtilesOf(file, {{2, 3, 1}}, 1));
+    QVERIFY(TestSupport::mbtilesFile(file, {{2, 3, 1}}, 1));
     TestSupport::TileHttpServer server;
     QVERIFY(server.start(tiles_));
     TileSource source;
@@ -162,7 +151,7 @@ void TstTileSource::fileBeforeServer()
     QCOMPARE(answers.ready.value({2, 0, 0}), pngTile({2, 0, 0}));
     QTRY_COMPARE(server.requests().size(), 1);
     QCOMPARE(server.requests()[0].path, QString("/2/0/0.png"));
-    QTRY_COMPARE(source.attribution(), QString("Area data | Server data"));
+    QTRY_COMPARE(source.attribution(), QString("Test data | Server data"));
 }
 
 // Nothing comes for what was cancelled, neither from the file nor from the server.
@@ -172,7 +161,7 @@ void TstTileSource::cancelPending()
     for (int x = 0; x < 16; ++x)
         row << TileId{4, x, 5};
     const QString file = dir_.filePath("cancel.mbtiles");
-    QVERIFY(mbtilesOf(file, row.mid(0, 8)));
+    QVERIFY(TestSupport::mbtilesFile(file, row.mid(0, 8)));
     TestSupport::TileHttpServer server;
     QVERIFY(server.start(tiles_, 300));
     TileSource source;
@@ -204,16 +193,13 @@ void TstTileSource::sourceErrors_data()
     const QString none = dir_.filePath("none.mbtiles"), text = dir_.filePath("text");
     QFile f(text);
     QVERIFY(f.open(QIODevice::WriteOnly) && f.write(QByteArray(4096, 'x')));
-    QTest::newRow("missing file") << none << ""
-                                  << ""
+    QTest::newRow("missing file") << none << QString() << QString()
                                   << "Map tiles: " + none + ": no such file";
-    QTest::newRow("URL without {y}") << ""
-                                     << "http://127.0.0.1/{z}/{x}.png"
-                                     << ""
+    QTest::newRow("URL without {y}") << QString() << "http://127.0.0.1/{z}/{x}.png" << QString()
                                      << "Tile server \"http://127.0.0.1/{z}/{x}.png\": the URL lacks {y}";
-    QTest::newRow("cache folder is a file") // the server still serves, without a cache
-        << ""
-        << "SERVER" << text << "Tile cache " + text + ": cannot create the folder";
+    // The server still serves, without a cache.
+    QTest::newRow("cache folder is a file")
+        << QString() << "SERVER" << text << "Tile cache " + text + ": cannot create the folder";
 }
 
 void TstTileSource::sourceErrors()
