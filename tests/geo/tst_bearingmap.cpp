@@ -8,9 +8,13 @@
 #include "ui/BearingMapWidget.h"
 #include "ui/BearingsWindow.h"
 #include "ui/MapSource.h"
+#include "ui/SaveAreaDialog.h"
 #include "utils/RxTableModel.h"
 
 #include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QSpinBox>
 #include <QTemporaryDir>
@@ -117,6 +121,29 @@ private slots:
         QVERIFY(std::abs(at.latitude - 43.6) < 0.01 && std::abs(at.longitude - 1.44) < 0.01);
         const auto box = map.visibleBox();
         QVERIFY(box[0] < 43.6 && 43.6 < box[2] && box[1] < 1.44 && 1.44 < box[3]);
+    }
+
+    // "Save this area for offline use" through its dialog, against a real tile server: the count
+    // before it starts, then the file with every tile of the area.
+    void saveArea()
+    {
+        const QString folder = dir_.filePath("served");
+        TestSupport::writeTiles(folder, 2, {9, 0, 0});
+        TestSupport::TileHttpServer server;
+        QVERIFY(server.start(folder));
+        Ui::SaveAreaDialog dialog({-80, -180, 80, 179.9, 0, 2}, server.urlTemplate(), "Test tiles");
+        QVERIFY(dialog.findChild<QLabel*>("labelSaveAreaEstimate")->text().startsWith("21 tiles, about"));
+        auto* start = dialog.findChild<QPushButton*>("pushButtonSaveAreaStart");
+        QVERIFY(!start->isEnabled()); // no file yet
+        const QString file = dir_.filePath("saved.mbtiles");
+        dialog.findChild<QLineEdit*>("lineEditSaveAreaFile")->setText(file);
+        start->click();
+        QTRY_COMPARE_WITH_TIMEOUT(dialog.result(), int(QDialog::Accepted), 30000);
+        QCOMPARE(dialog.output(), file);
+        QString error;
+        const auto saved = Store::MbTiles::open(file, &error);
+        QVERIFY2(saved, qPrintable(error));
+        QCOMPARE(saved->tileCount(), 21);
     }
 
     // An installation or a test presets the file under "map/mbtiles": the window draws it.
