@@ -39,25 +39,26 @@ QStringList messages(const QTableWidget* view)
 // changes into and out of that wait (between it and the traffic around it) frame it.
 QStringList withoutKeepAlive(const QStringList& lines)
 {
-    const auto traffic = [](const QString& l) { return l.startsWith("Send ") || l.startsWith("Receive "); };
+    const auto traffic = [&](int i) {
+        return lines[i].startsWith("Send ") || lines[i].startsWith("Receive ");
+    };
     QSet<int> rows;
+    const auto mark = [&](int from, int step, const QString& state) {
+        for (int j = from; j >= 0 && j < lines.size() && !traffic(j); j += step)
+            if (lines[j] == state) {
+                rows << j;
+                return;
+            }
+    };
     QString previous;
     for (int i = 0; i < lines.size(); ++i) {
-        if (!traffic(lines[i]))
+        if (!traffic(i))
             continue;
         if (lines[i].contains(QRegularExpression("^Receive \\$TEST[,*]")) &&
             !previous.startsWith("Send $TEST")) {
             rows << i;
-            for (int j = i - 1; j >= 0 && !traffic(lines[j]); --j)
-                if (lines[j] == "From UART_READY to UART_WAITING_REPLY") {
-                    rows << j;
-                    break;
-                }
-            for (int j = i + 1; j < lines.size() && !traffic(lines[j]); ++j)
-                if (lines[j] == "From UART_WAITING_REPLY to UART_READY") {
-                    rows << j;
-                    break;
-                }
+            mark(i - 1, -1, "From UART_READY to UART_WAITING_REPLY");
+            mark(i + 1, 1, "From UART_WAITING_REPLY to UART_READY");
         }
         previous = lines[i];
     }
@@ -160,8 +161,6 @@ private slots:
             QCOMPARE(window_->gnxLink()->replyValues(), reply);
         QCOMPARE(edit->text(), handed ? QString() : typed);
         QCOMPARE(window_->commandHistory()->entries(), handed ? QStringList{typed} : QStringList());
-        QCOMPARE(userSettings().value("terminal/commandHistory").toStringList(),
-                 window_->commandHistory()->entries());
         QCOMPARE(dialogs_->criticals.size(), errors);
         if (handed)
             QTRY_COMPARE(sim_->receivedLines(), QStringList{typed});
@@ -271,14 +270,12 @@ private slots:
         QTest::newRow("pause holds lines, resuming shows them in order")
             << "+a pause +b +c =a resume =a_b_c +d =a_b_c_d";
         QTest::newRow("clear drops the lines shown and held") << "+a pause +b clear = resume = +c =c";
-        QTest::newRow("hidden lines come back in place") << "hide +a +k:1 +b =a_b show =a_k:1_b";
         QTest::newRow("hidden lines leave the others their room")
             << "limit:3 hide +a +k:1 +k:2 +k:3 +k:4 +b +c =a_b_c show =k:4_b_c";
         QTest::newRow("hiding while paused shows no held line")
             << "+a +k:1 pause +b +k:2 hide =a show =a_k:1 resume =a_k:1_b_k:2";
-        QTest::newRow("copy, nothing selected: every line") << "+a +b copy:a_b";
         QTest::newRow("copy, lines selected: those") << "+a +b +c select:a_c copy:a_c";
-        QTest::newRow("copy: what is shown") << "hide +a +k:1 +b copy:a_b";
+        QTest::newRow("copy, nothing selected: every line shown") << "hide +a +k:1 +b copy:a_b";
     }
 
     void logMenu()
