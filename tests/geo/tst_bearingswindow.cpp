@@ -157,11 +157,12 @@ private slots:
         const long towards =
             std::lround(OrviaGonioManager::Geo::Geodesy::bearing(last->receiver, truth)) % 360;
         auto* homing = bearings()->findChild<QLabel*>("labelBearingsHoming");
+        // The fixes of the live messages come from their own thread.
+        QTRY_VERIFY_WITH_TIMEOUT(bearings()->fixesReady() && homing->text().contains("Fix: <b>"), 10000);
         QVERIFY2(homing->text().contains(QString("Payload position: <b>%1 km</b> at <b>%2°")
                                              .arg(km, 0, 'f', 2)
                                              .arg(towards, 3, 10, QChar('0'))),
                  qPrintable(homing->text()));
-        QVERIFY(homing->text().contains("Fix: <b>"));
         QVERIFY(bearings()->compass()->legendTexts().contains(QString("Steer  %1°").arg(towards)));
         ui()->comboBoxSetupSoftwareDistType->setCurrentIndex(1);
         QVERIFY2(homing->text().contains(QString("<b>%1 miles</b>").arg(km / 1.609344, 0, 'f', 2)),

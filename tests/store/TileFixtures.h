@@ -22,7 +22,8 @@ using OrviaGonioManager::Geo::TileId;
 inline QByteArray pngTile(const TileId& id, int variant = 0)
 {
     QImage image(256, 256, QImage::Format_RGB32);
-    image.fill(qRgb((id.x * 53 + variant * 101) % 256, (id.y * 97) % 256, (id.z * 31 + 40) % 256));
+    image.fill(qRgb(int((quint64(id.x) * 53 + quint64(variant) * 101) % 256), int(quint64(id.y) * 97 % 256),
+                    int((quint64(id.z) * 31 + 40) % 256)));
     for (int bit = 0; bit < 31; ++bit) {
         image.setPixel(bit, 0, (id.x >> bit) & 1 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
         image.setPixel(bit, 1, (id.y >> bit) & 1 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
