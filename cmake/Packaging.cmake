@@ -59,6 +59,6 @@ string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
 # Libraries come from the binaries; the platform plugin and the SQLite driver (the map's tiles)
 # are loaded at run time, so they are named.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6sql6-sqlite")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6sql6-sqlite, libqt6sql6-psql")
 set(CPACK_STRIP_FILES ON)
 include(CPack)
