@@ -12,6 +12,7 @@ enum ExitCode
     EXIT_USAGE = 2,  // usage, or a bad input file
     EXIT_PORT = 3,   // no receiver, several, or the port cannot be opened
     EXIT_STREAM = 4, // the MQTT broker refused the station, or the spool cannot be written
+    EXIT_STORE = 5,  // the message store cannot be opened or written, or it failed its check
 };
 
 // A failure that ends the program with its code; the message goes to standard error.

@@ -35,7 +35,8 @@ const char* const kExitCodes =
     "     line of a script or an import did not take\n"
     "  2  usage, or a bad input file (the line and field are named)\n"
     "  3  no receiver, several receivers, or the port cannot be opened\n"
-    "  4  the MQTT broker refused the station, or the spool cannot be written\n";
+    "  4  the MQTT broker refused the station, or the spool cannot be written\n"
+    "  5  the message store cannot be opened or written, or it failed its check\n";
 
 // The groups of commands, as the help lists them.
 const QHash<QString, QString>& groupDescriptions()
@@ -48,6 +49,7 @@ const QHash<QString, QString>& groupDescriptions()
         {QStringLiteral("formats"), QStringLiteral("GPS formats files.")},
         {QStringLiteral("script"), QStringLiteral("Command scripts, as the window's terminal plays them.")},
         {QStringLiteral("firmware"), QStringLiteral("The receiver's firmware.")},
+        {QStringLiteral("store"), QStringLiteral("The message store (SQLite or PostgreSQL).")},
     };
     return texts;
 }
@@ -128,6 +130,7 @@ void Gnxctl::addCommands()
     addFlashCommands();
     addFileCommands();
     addBearingsCommands();
+    addStoreCommands();
 }
 
 CLI::App& Gnxctl::command(const QString& words, const QString& description, const Run& run)

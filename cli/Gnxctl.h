@@ -15,6 +15,10 @@
 #include <map>
 #include <memory>
 
+namespace OrviaGonioManager::Store {
+class MessageStore;
+}
+
 namespace OrviaGonioManager::Cli {
 
 // The command line: parses "gnxctl [global options] COMMAND [SUBCOMMAND] [options] [args]", finds
@@ -37,6 +41,7 @@ private:
     void addFlashCommands();
     void addFileCommands();
     void addBearingsCommands();
+    void addStoreCommands();
     // A command under its words ("flash read"), made with its groups; run once parsed.
     CLI::App& command(const QString& words, const QString& description, const Run& run);
     // A parse failure in words a person understands, with a suggestion for a mistyped command.
@@ -83,6 +88,9 @@ private:
     void scriptSave(const QString& fileName);
     // Fixes from the bearings of messages read back from a file.
     void bearings(const CliArgs& args);
+    void storeCheck(const CliArgs& args);
+    // The store at url, or CliError EXIT_STORE saying why.
+    static std::unique_ptr<Store::MessageStore> openStore(const QString& url);
     // The favourites of a platforms file into rows_; returns the generation its columns are of.
     Com::GnxLink::GnxVersion_t loadPlatformsFile(const QString& fileName);
 

@@ -5,6 +5,7 @@
 #include "cli/RxWriter.h"
 #include "cli/StopSignal.h"
 #include "mrl/utils/Exception.h"
+#include "store/MessageStore.h"
 #include "utils/FlashMemory.h"
 #include "utils/FlashRead.h"
 #include "utils/GpsFormat.h"
@@ -64,6 +65,9 @@ void Gnxctl::addFlashCommands()
                                  flashRead(a);
                              });
     addOutputOptions(read);
+    read.add_option("--db", "Also keep the messages in the message store at URL (a path, sqlite:PATH or "
+                            "postgresql://...); reading the same memory again adds nothing.")
+        ->type_name("URL");
     read.add_option("-o,--output",
                     "Write to FILE, completely or not at all (a device or a FIFO is written in place; "
                     "\"-\" or none: standard output).")
@@ -146,6 +150,11 @@ void Gnxctl::flashRead(const CliArgs& a)
     if (!toStdout && !file.open(QIODevice::WriteOnly))
         throw CliError{EXIT_USAGE,
                        QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
+    // Opened before the read too: a store that cannot be used fails at once.
+    std::unique_ptr<Store::MessageStore> store;
+    const QString db = a.value(QStringLiteral("db"));
+    if (!db.isEmpty())
+        store = openStore(db);
     const std::map<int, QString> usedSlots = loadFavourites();
     const GnxLink::CoordType_t coordType = link_->getSetupSoftware().coordType;
 
@@ -163,6 +172,18 @@ void Gnxctl::flashRead(const CliArgs& a)
         failure = std::current_exception();
     }
     QObject::disconnect(collect);
+    // What was read is kept, also when the read failed part-way.
+    if (store) {
+        QString error;
+        const int added = store->addBatch(link_->serialNumber(), batch, &error);
+        if (added < 0)
+            throw CliError{EXIT_STORE, error};
+        if (!quiet_)
+            std::fprintf(
+                stderr, "%s\n",
+                qPrintable(
+                    QStringLiteral("Message store: %1 new of %2 messages").arg(added).arg(batch.size())));
+    }
 
     // Newest first, as the window shows and exports them.
     RxTableModel table;
