@@ -147,6 +147,18 @@ bool openPostgres(const QString& connection, const QString& text, const QString&
     return true;
 }
 
+// Commits what went well, rolls back what did not; false, with the reason in failure, when the
+// transaction is lost.
+bool finishTransaction(QSqlDatabase& db, bool ok, QString& failure)
+{
+    if (ok && db.commit())
+        return true;
+    if (ok)
+        failure = sqlText(db.lastError());
+    db.rollback();
+    return false;
+}
+
 } // namespace
 
 MessageStore::MessageStore(const QString& connection, const QString& shown, Engine engine)
@@ -234,12 +246,7 @@ bool MessageStore::migrate(QString* error)
                 failure = sqlText(q.lastError());
         }
         q.finish();
-        if (ok && !db.commit()) {
-            ok = false;
-            failure = sqlText(db.lastError());
-        }
-        if (!ok) {
-            db.rollback();
+        if (!finishTransaction(db, ok, failure)) {
             *error = QStringLiteral("%1: cannot bring the schema to version %2: %3")
                          .arg(shown_)
                          .arg(next)
@@ -427,12 +434,7 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
             failure = sqlText(q.lastError());
     }
     q.finish();
-    if (ok && !db.commit()) {
-        ok = false;
-        failure = sqlText(db.lastError());
-    }
-    if (!ok) {
-        db.rollback();
+    if (!finishTransaction(db, ok, failure)) {
         *error = QStringLiteral("%1: cannot store the messages: %2").arg(shown_, failure);
         return -1;
     }

@@ -86,6 +86,23 @@ QDateTime at(int hour, int minute = 0)
 
 } // namespace
 
+// The store's database opened beside the store, as another program would.
+QSqlDatabase rawDatabase(const QString& engine, const QString& url, const QString& connection)
+{
+    if (engine == QLatin1String("sqlite")) {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        db.setDatabaseName(url);
+        return db;
+    }
+    const QUrl u(url);
+    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), connection);
+    db.setHostName(u.host());
+    db.setPort(u.port());
+    db.setUserName(u.userName());
+    db.setDatabaseName(u.path().mid(1));
+    return db;
+}
+
 class TstMessageStore : public QObject
 {
     Q_OBJECT
@@ -354,18 +371,7 @@ void TstMessageStore::docQueries()
                                           QRegularExpression::DotMatchesEverythingOption);
     int queries = 0;
     {
-        QSqlDatabase db;
-        if (engine == QLatin1String("sqlite")) {
-            db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("doc"));
-            db.setDatabaseName(url);
-        } else {
-            const QUrl u(url);
-            db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), QStringLiteral("doc"));
-            db.setHostName(u.host());
-            db.setPort(u.port());
-            db.setUserName(u.userName());
-            db.setDatabaseName(u.path().mid(1));
-        }
+        QSqlDatabase db = rawDatabase(engine, url, QStringLiteral("doc"));
         QVERIFY2(db.open(), qPrintable(db.lastError().text()));
         auto it = block.globalMatch(QString::fromUtf8(doc.readAll()));
         while (it.hasNext()) {
@@ -394,18 +400,7 @@ void TstMessageStore::newerSchemaRefused()
     }
     QFETCH(QString, engine);
     {
-        QSqlDatabase db;
-        if (engine == QLatin1String("sqlite")) {
-            db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("newer"));
-            db.setDatabaseName(url);
-        } else {
-            const QUrl u(url);
-            db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), QStringLiteral("newer"));
-            db.setHostName(u.host());
-            db.setPort(u.port());
-            db.setUserName(u.userName());
-            db.setDatabaseName(u.path().mid(1));
-        }
+        QSqlDatabase db = rawDatabase(engine, url, QStringLiteral("newer"));
         QVERIFY(db.open());
         QSqlQuery q(db);
         QVERIFY(q.exec(QStringLiteral("UPDATE schema_version SET version = 99")));
