@@ -12,6 +12,7 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
+#include <QStandardPaths>
 #include <QUrl>
 
 namespace OrviaGonioManager::Store {
@@ -207,6 +208,15 @@ std::unique_ptr<MessageStore> MessageStore::open(const QString& url, QString* er
     if (!opened || !store->migrate(error))
         return nullptr;
     return store;
+}
+
+QString MessageStore::defaultUrl()
+{
+    // The generic location, not the application's: the window and gnxctl have different names.
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                        QStringLiteral("/orvia-gonio-manager");
+    QDir().mkpath(dir);
+    return dir + QStringLiteral("/messages.sqlite");
 }
 
 bool MessageStore::migrate(QString* error)

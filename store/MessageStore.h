@@ -60,6 +60,9 @@ public:
     // store of a newer version. On failure returns null and says why in error, naming the file or
     // the URL without its password.
     static std::unique_ptr<MessageStore> open(const QString& url, QString* error);
+    // The store the window and gnxctl share when none is named: messages.sqlite in the user's
+    // data directory (made when missing), so both tools find each other's messages.
+    static QString defaultUrl();
     ~MessageStore();
     MessageStore(const MessageStore&) = delete;
     MessageStore& operator=(const MessageStore&) = delete;
