@@ -4,6 +4,7 @@
 #include "cli/CliError.h"
 #include "com/GnxLink.h"
 #include "mrl/utils/Exception.h"
+#include "store/MessageStore.h"
 #include "utils/JobProgress.h"
 #include "utils/RxTableModel.h"
 
@@ -15,9 +16,6 @@
 #include <map>
 #include <memory>
 
-namespace OrviaGonioManager::Store {
-class MessageStore;
-}
 
 namespace OrviaGonioManager::Cli {
 
@@ -90,7 +88,11 @@ private:
     void bearings(const CliArgs& args);
     void storeCheck(const CliArgs& args);
     // The store at url, or CliError EXIT_STORE saying why.
-    static std::unique_ptr<Store::MessageStore> openStore(const QString& url);
+    static std::unique_ptr<Store::MessageStore>
+    openStore(const QString& url,
+              Store::MessageStore::Access access = Store::MessageStore::Access::ReadWrite);
+    // As openStore(), for the messages of the connected receiver, which the store notes.
+    std::unique_ptr<Store::MessageStore> openReceiverStore(const QString& url);
     // The favourites of a platforms file into rows_; returns the generation its columns are of.
     Com::GnxLink::GnxVersion_t loadPlatformsFile(const QString& fileName);
 

@@ -88,6 +88,10 @@ void Gnxctl::addFlashCommands()
             outputFormat(a);
             loadFormats(a);
             if (a.isSet(QStringLiteral("mqtt"))) {
+                if (a.isSet(QStringLiteral("db")))
+                    throw CliError{EXIT_USAGE,
+                                   QStringLiteral("--db and --mqtt go apart: a station's messages "
+                                                  "are kept by gnxctl archive at the broker")};
                 monitorMqtt(a);
                 return;
             }
@@ -97,6 +101,10 @@ void Gnxctl::addFlashCommands()
     addOutputOptions(monitor);
     monitor.add_option("--count", "Stop after N messages.")->type_name("N");
     monitor.add_option("--duration", "Stop after S seconds.")->type_name("S");
+    monitor
+        .add_option("--db", "Also keep the messages in the message store at URL (a path, sqlite:PATH or "
+                            "postgresql://...), committed every second and at the end.")
+        ->type_name("URL");
     addStationOptions(monitor);
 }
 
@@ -154,7 +162,7 @@ void Gnxctl::flashRead(const CliArgs& a)
     std::unique_ptr<Store::MessageStore> store;
     const QString db = a.value(QStringLiteral("db"));
     if (!db.isEmpty())
-        store = openStore(db);
+        store = openReceiverStore(db);
     const std::map<int, QString> usedSlots = loadFavourites();
     const GnxLink::CoordType_t coordType = link_->getSetupSoftware().coordType;
 
@@ -228,6 +236,9 @@ void Gnxctl::monitor(const CliArgs& a)
         a.isSet(QStringLiteral("duration")) ? a.value(QStringLiteral("duration")).toDouble(&ok) : -1;
     if (!ok || duration == 0)
         throw CliError{EXIT_USAGE, QStringLiteral("--duration takes a positive number of seconds")};
+    std::unique_ptr<Store::MessageStore> store;
+    if (a.isSet(QStringLiteral("db")))
+        store = openReceiverStore(a.value(QStringLiteral("db")));
     loadFavourites();
     RxWriter writer(standardOutput(), outputFormat(a), *link_, link_->getSetupSoftware().coordType);
 
@@ -235,15 +246,31 @@ void Gnxctl::monitor(const CliArgs& a)
     std::optional<CliError> failure;
     qint64 written = 0;
     const auto stop = [&] { loop.quit(); };
+    // Kept in batches: one transaction a second, not one a message.
+    std::vector<RxTableModel::Row> pending;
+    const auto keep = [&] {
+        QString error;
+        if (store && !pending.empty() && store->addBatch(link_->serialNumber(), pending, &error) < 0) {
+            failure = CliError{EXIT_STORE, error};
+            stop();
+        }
+        pending.clear();
+    };
+    QTimer commit;
+    QObject::connect(&commit, &QTimer::timeout, &loop, keep);
+    if (store)
+        commit.start(1000);
     if (!writer.begin())
         return; // the reader went away: a quiet end
-    QObject::connect(
-        link_.get(), &GnxLink::sigOrviaMessageReceived, &loop,
-        [&](const Com::OrviaRxMessage_t& m, GnxLink::RxOrigin_t origin) {
-            if (!writer.write(rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber())) ||
-                ++written == count)
-                stop();
-        });
+    QObject::connect(link_.get(), &GnxLink::sigOrviaMessageReceived, &loop,
+                     [&](const Com::OrviaRxMessage_t& m, GnxLink::RxOrigin_t origin) {
+                         RxTableModel::Row row =
+                             rows_.rowFor(m, origin, link_->version(), link_->maxPlatformsNumber());
+                         if (store)
+                             pending.push_back(row);
+                         if (!writer.write(row) || ++written == count)
+                             stop();
+                     });
     QObject::connect(link_.get(), &GnxLink::sigLinkCompromised, &loop,
                      [&](const QString&, const QString& message) {
                          failure = CliError{EXIT_DEVICE, message};
@@ -255,6 +282,8 @@ void Gnxctl::monitor(const CliArgs& a)
         QTimer::singleShot(qint64(duration * 1000), &loop, stop);
     link_->setLiveRxEnabled(true);
     loop.exec();
+    if (!failure)
+        keep();
     if (failure)
         throw *failure;
 }

@@ -13,11 +13,24 @@
 
 namespace OrviaGonioManager::Cli {
 
-std::unique_ptr<Store::MessageStore> Gnxctl::openStore(const QString& url)
+std::unique_ptr<Store::MessageStore> Gnxctl::openStore(const QString& url, Store::MessageStore::Access access)
 {
     QString error;
-    auto store = Store::MessageStore::open(url, &error);
+    auto store = Store::MessageStore::open(url, &error, access);
     if (!store)
+        throw CliError{EXIT_STORE, error};
+    return store;
+}
+
+std::unique_ptr<Store::MessageStore> Gnxctl::openReceiverStore(const QString& url)
+{
+    auto store = openStore(url);
+    const Store::MessageStore::Receiver receiver{
+        link_->serialNumber(),
+        device_.version == Com::GnxLink::GNX_V1 ? QStringLiteral("GNX134") : QStringLiteral("GNX234"),
+        device_.applicationVersion, device_.fpgaVersion, device_.bootloaderVersion};
+    QString error;
+    if (!store->noteReceiver(receiver, &error))
         throw CliError{EXIT_STORE, error};
     return store;
 }
@@ -35,7 +48,8 @@ void Gnxctl::addStoreCommands()
 
 void Gnxctl::storeCheck(const CliArgs& a)
 {
-    const auto store = openStore(a.value(QStringLiteral("db")));
+    // A check writes nothing: an older store is not brought up to date by it.
+    const auto store = openStore(a.value(QStringLiteral("db")), Store::MessageStore::Access::ReadOnly);
     const Store::MessageStore::Check c = store->check();
     if (json_) {
         out(QString::fromUtf8(
@@ -46,17 +60,27 @@ void Gnxctl::storeCheck(const CliArgs& a)
                                   {QStringLiteral("messages"), c.messages},
                                   {QStringLiteral("liveMessages"), c.liveMessages},
                                   {QStringLiteral("flashMessages"), c.flashMessages},
+                                  {QStringLiteral("linkedFlashMessages"), c.linkedFlashMessages},
+                                  {QStringLiteral("missingSeqs"), c.missingSeqs},
+                                  {QStringLiteral("gaps"), QJsonArray::fromStringList(c.gaps)},
                                   {QStringLiteral("problems"), QJsonArray::fromStringList(c.problems)},
                               })
                     .toJson(QJsonDocument::Compact)) +
             QLatin1Char('\n'));
     } else {
-        out(QStringLiteral("schema version\t%1\nreceivers\t%2\nmessages\t%3\nlive\t%4\nflash\t%5\n")
+        QString gaps;
+        for (const QString& gap : c.gaps)
+            gaps += QStringLiteral("gap\t") + gap + QLatin1Char('\n');
+        out(QStringLiteral("schema version\t%1\nreceivers\t%2\nmessages\t%3\nlive\t%4\nflash\t%5\n"
+                           "flash with its live message\t%6\nmissing seq\t%7\n")
                 .arg(c.schemaVersion)
                 .arg(c.receivers)
                 .arg(c.messages)
                 .arg(c.liveMessages)
-                .arg(c.flashMessages));
+                .arg(c.flashMessages)
+                .arg(c.linkedFlashMessages)
+                .arg(c.missingSeqs) +
+            gaps);
     }
     if (!c.ok)
         throw CliError{

@@ -1,5 +1,7 @@
 #include "store/MessageStore.h"
 
+#include "store/StoreConnection.h"
+
 #include "mrl/utils/DateTime.h"
 #include "utils/PlatformNumber.h"
 
@@ -43,21 +45,6 @@ QString newConnectionName()
     return QStringLiteral("ogm-messagestore-%1").arg(counter.fetchAndAddRelaxed(1));
 }
 
-QString sqlText(const QSqlError& e)
-{
-    const QString text = e.text().trimmed();
-    return text.isEmpty() ? QStringLiteral("unknown database error") : text;
-}
-
-// The URL with any password taken out, also from text that is not a valid URL.
-QString withoutPassword(const QString& url)
-{
-    static const QRegularExpression password(QStringLiteral("^([A-Za-z][A-Za-z0-9+.-]*://[^:@/]*):[^@/]*@"));
-    QString shown = url;
-    shown.replace(password, QStringLiteral("\\1@"));
-    return shown;
-}
-
 QVariant nullDouble()
 {
     return QVariant(QMetaType(QMetaType::Double));
@@ -68,86 +55,6 @@ QVariant textOrNull(const QString& text)
     return text.isEmpty() ? QVariant(QMetaType(QMetaType::QString)) : QVariant(text);
 }
 
-void removeConnection(const QString& name)
-{
-    {
-        QSqlDatabase db = QSqlDatabase::database(name, false);
-        if (db.isOpen())
-            db.close();
-    }
-    QSqlDatabase::removeDatabase(name);
-}
-
-bool openSqlite(const QString& connection, const QString& path, QString* error)
-{
-    const QFileInfo file(path);
-    if (!QSqlDatabase::isDriverAvailable(QStringLiteral("QSQLITE"))) {
-        *error = QStringLiteral("%1: cannot open it: the Qt SQLite driver (QSQLITE, Debian package "
-                                "libqt6sql6-sqlite) is not installed")
-                     .arg(path);
-        return false;
-    }
-    if (!file.dir().exists()) {
-        *error = QStringLiteral("%1: cannot make the store: the directory %2 does not exist")
-                     .arg(path, QDir::toNativeSeparators(file.absolutePath()));
-        return false;
-    }
-    if (file.exists() && (!file.isFile() || !file.isWritable())) {
-        *error = file.isFile() ? QStringLiteral("%1: the file is read-only: the store writes to it").arg(path)
-                               : QStringLiteral("%1: not a file").arg(path);
-        return false;
-    }
-    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
-    db.setDatabaseName(path);
-    // The window and gnxctl may use one file at once.
-    db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
-    if (!db.open()) {
-        *error = QStringLiteral("%1: cannot open: %2").arg(path, sqlText(db.lastError()));
-        return false;
-    }
-    QSqlQuery q(db);
-    for (const char* pragma : {"PRAGMA foreign_keys = ON", "PRAGMA journal_mode = WAL"}) {
-        if (!q.exec(QString::fromLatin1(pragma))) {
-            *error = QStringLiteral("%1: not a message store: %2").arg(path, sqlText(q.lastError()));
-            return false;
-        }
-    }
-    return true;
-}
-
-bool openPostgres(const QString& connection, const QString& text, const QString& shown, QString* error)
-{
-    const QUrl url(text, QUrl::StrictMode);
-    const QString database = url.path().mid(1);
-    if (!url.isValid() || url.host().isEmpty() || database.isEmpty() || database.contains(QLatin1Char('/'))) {
-        *error = QStringLiteral("%1: not a PostgreSQL URL: expected postgresql://user@host:port/database")
-                     .arg(shown);
-        return false;
-    }
-    if (!QSqlDatabase::isDriverAvailable(QStringLiteral("QPSQL"))) {
-        *error = QStringLiteral("%1: cannot connect: the Qt PostgreSQL driver (QPSQL, Debian package "
-                                "libqt6sql6-psql) is not installed")
-                     .arg(shown);
-        return false;
-    }
-    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), connection);
-    db.setHostName(url.host());
-    db.setPort(url.port(5432));
-    db.setDatabaseName(database);
-    db.setUserName(url.userName());
-    // Without one in the URL, libpq looks in PGPASSWORD and ~/.pgpass.
-    db.setPassword(url.password());
-    db.setConnectOptions(QStringLiteral("connect_timeout=10"));
-    if (!db.open()) {
-        *error = QStringLiteral("%1: cannot connect: %2").arg(shown, sqlText(db.lastError()));
-        return false;
-    }
-    QSqlQuery q(db);
-    // Notices ("relation already exists") are not ours to show.
-    q.exec(QStringLiteral("SET client_min_messages = warning"));
-    return true;
-}
-
 // Commits what went well, rolls back what did not; false, with the reason in failure, when the
 // transaction is lost.
 bool finishTransaction(QSqlDatabase& db, bool ok, QString& failure)
@@ -155,7 +62,7 @@ bool finishTransaction(QSqlDatabase& db, bool ok, QString& failure)
     if (ok && db.commit())
         return true;
     if (ok)
-        failure = sqlText(db.lastError());
+        failure = StoreConnection::sqlText(db.lastError());
     db.rollback();
     return false;
 }
@@ -168,14 +75,14 @@ MessageStore::MessageStore(const QString& connection, const QString& shown, Engi
 
 MessageStore::~MessageStore()
 {
-    removeConnection(connection_);
+    StoreConnection::remove(connection_);
 }
 
-std::unique_ptr<MessageStore> MessageStore::open(const QString& url, QString* error)
+std::unique_ptr<MessageStore> MessageStore::open(const QString& url, QString* error, Access access)
 {
     *error = QString();
     const QString text = url.trimmed();
-    const QString shown = withoutPassword(text);
+    const QString shown = StoreConnection::withoutPassword(text);
     static const QRegularExpression scheme(QStringLiteral("^([A-Za-z][A-Za-z0-9+.-]*)://"));
     const QString schemeName = scheme.match(text).captured(1).toLower();
     Engine engine = Engine::Sqlite;
@@ -203,9 +110,11 @@ std::unique_ptr<MessageStore> MessageStore::open(const QString& url, QString* er
     const QString connection = newConnectionName();
     const QString named = engine == Engine::Sqlite ? QDir::toNativeSeparators(path) : shown;
     std::unique_ptr<MessageStore> store(new MessageStore(connection, named, engine));
-    const bool opened = engine == Engine::Sqlite ? openSqlite(connection, named, error)
-                                                 : openPostgres(connection, text, shown, error);
-    if (!opened || !store->migrate(error))
+    const bool opened =
+        engine == Engine::Sqlite
+            ? StoreConnection::openSqlite(connection, named, access == Access::ReadOnly, error)
+            : StoreConnection::openPostgres(connection, text, shown, access == Access::ReadOnly, error);
+    if (!opened || !store->migrate(access, error))
         return nullptr;
     return store;
 }
@@ -219,7 +128,7 @@ QString MessageStore::defaultUrl()
     return dir + QStringLiteral("/messages.sqlite");
 }
 
-bool MessageStore::migrate(QString* error)
+bool MessageStore::migrate(Access access, QString* error)
 {
     QSqlDatabase db = QSqlDatabase::database(connection_, false);
     QSqlQuery q(db);
@@ -227,8 +136,8 @@ bool MessageStore::migrate(QString* error)
     const QStringList tables = db.tables();
     if (tables.contains(QLatin1String("schema_version"))) {
         if (!q.exec(QStringLiteral("SELECT MAX(version) FROM schema_version")) || !q.next()) {
-            *error =
-                QStringLiteral("%1: cannot read the schema version: %2").arg(shown_, sqlText(q.lastError()));
+            *error = QStringLiteral("%1: cannot read the schema version: %2")
+                         .arg(shown_, StoreConnection::sqlText(q.lastError()));
             return false;
         }
         version = q.value(0).toInt();
@@ -245,15 +154,24 @@ bool MessageStore::migrate(QString* error)
                      .arg(StoreSchema::kLatest);
         return false;
     }
+    if (access == Access::ReadOnly && version < StoreSchema::kLatest) {
+        *error = version == 0 ? QStringLiteral("%1: not a message store: it is empty").arg(shown_)
+                              : QStringLiteral("%1: the store has schema version %2, older than version %3: "
+                                               "open it once for writing to bring it up to date")
+                                    .arg(shown_)
+                                    .arg(version)
+                                    .arg(StoreSchema::kLatest);
+        return false;
+    }
     for (int next = version + 1; next <= StoreSchema::kLatest; ++next) {
         bool ok = db.transaction();
-        QString failure = sqlText(db.lastError());
+        QString failure = StoreConnection::sqlText(db.lastError());
         QStringList statements = StoreSchema::migration(next, engine_);
         statements << QStringLiteral("UPDATE schema_version SET version = %1").arg(next);
         for (int i = 0; ok && i < statements.size(); ++i) {
             ok = q.exec(statements[i]);
             if (!ok)
-                failure = sqlText(q.lastError());
+                failure = StoreConnection::sqlText(q.lastError());
         }
         q.finish();
         if (!finishTransaction(db, ok, failure)) {
@@ -307,13 +225,13 @@ qint64 MessageStore::receiverId(const QString& serial, const QString& now, QStri
     q.addBindValue(now);
     q.addBindValue(now);
     if (!q.exec()) {
-        *error = sqlText(q.lastError());
+        *error = StoreConnection::sqlText(q.lastError());
         return -1;
     }
     q.prepare(QStringLiteral("SELECT id FROM receivers WHERE serial_number = ?"));
     q.addBindValue(serial);
     if (!q.exec() || !q.next()) {
-        *error = sqlText(q.lastError());
+        *error = StoreConnection::sqlText(q.lastError());
         return -1;
     }
     return q.value(0).toLongLong();
@@ -336,11 +254,11 @@ bool MessageStore::noteReceiver(const Receiver& r, QString* error)
         q.addBindValue(r.serialNumber);
         ok = q.exec();
         if (!ok)
-            failure = sqlText(q.lastError());
+            failure = StoreConnection::sqlText(q.lastError());
     }
     if (ok && !db.commit()) {
         ok = false;
-        failure = sqlText(db.lastError());
+        failure = StoreConnection::sqlText(db.lastError());
     }
     if (!ok) {
         db.rollback();
@@ -383,10 +301,22 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
     int added = 0;
     bool ok = db.transaction();
     if (!ok)
-        failure = sqlText(db.lastError());
+        failure = StoreConnection::sqlText(db.lastError());
     const qint64 receiver = ok ? receiverId(receiverSerial, now, &failure) : -1;
     ok = ok && receiver >= 0;
     QSqlQuery q(db);
+    // Every row this batch adds has a higher key: the flash records among them are linked below.
+    qint64 lastBefore = 0;
+    if (ok) {
+        ok = q.exec(QStringLiteral("SELECT COALESCE(MAX(id), 0) FROM messages")) && q.next();
+        if (ok)
+            lastBefore = q.value(0).toLongLong();
+        else
+            failure = StoreConnection::sqlText(q.lastError());
+    }
+    bool anyFlash = false;
+    QDateTime firstLive;
+    QDateTime lastLive;
     if (ok) {
         QStringList names;
         for (const char* column : kColumns)
@@ -395,7 +325,7 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
         ok = q.prepare(QStringLiteral("INSERT INTO messages (%1) VALUES (%2) ON CONFLICT DO NOTHING")
                            .arg(names.join(QStringLiteral(", ")), marks));
         if (!ok)
-            failure = sqlText(q.lastError());
+            failure = StoreConnection::sqlText(q.lastError());
     }
     for (size_t i = 0; ok && i < rows.size(); ++i) {
         const RxTableModel::Row& row = rows[i];
@@ -441,14 +371,42 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
         if (ok)
             added += std::max(0, q.numRowsAffected());
         else
-            failure = sqlText(q.lastError());
+            failure = StoreConnection::sqlText(q.lastError());
+        if (row.flash) {
+            anyFlash = true;
+        } else {
+            const QDateTime at = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime();
+            if (!firstLive.isValid() || at < firstLive)
+                firstLive = at;
+            if (!lastLive.isValid() || at > lastLive)
+                lastLive = at;
+        }
     }
     q.finish();
+    if (ok && added > 0 && anyFlash)
+        ok = linkFlashCopies(QStringLiteral("id > ? AND live_id IS NULL"), {lastBefore}, &failure);
+    // Flash records read before the live messages they copy: rare, but the link goes both ways.
+    if (ok && added > 0 && firstLive.isValid())
+        ok = linkFlashCopies(
+            QStringLiteral("receiver_id = ? AND live_id IS NULL AND device_time >= ? AND device_time <= ?"),
+            {receiver, timeText(firstLive.addSecs(-1)), timeText(lastLive.addSecs(1))}, &failure);
     if (!finishTransaction(db, ok, failure)) {
         *error = QStringLiteral("%1: cannot store the messages: %2").arg(shown_, failure);
         return -1;
     }
     return added;
+}
+
+bool MessageStore::linkFlashCopies(const QString& which, const QVariantList& values, QString* failure)
+{
+    QSqlQuery q(QSqlDatabase::database(connection_, false));
+    bool ok = q.prepare(StoreSchema::linkFlashCopies(which));
+    for (const QVariant& value : values)
+        q.addBindValue(value);
+    ok = ok && q.exec();
+    if (!ok)
+        *failure = StoreConnection::sqlText(q.lastError());
+    return ok;
 }
 
 std::vector<RxTableModel::Row> MessageStore::query(const Query& query, QString* error) const
@@ -495,7 +453,8 @@ std::vector<RxTableModel::Row> MessageStore::query(const Query& query, QString* 
     ok = ok && q.exec();
     if (!ok) {
         if (error)
-            *error = QStringLiteral("%1: cannot read the messages: %2").arg(shown_, sqlText(q.lastError()));
+            *error = QStringLiteral("%1: cannot read the messages: %2")
+                         .arg(shown_, StoreConnection::sqlText(q.lastError()));
         return rows;
     }
     while (q.next()) {
@@ -547,7 +506,7 @@ MessageStore::Check MessageStore::check() const
         if (q.exec(sql) && q.next())
             *out = q.value(0).toLongLong();
         else
-            c.problems << QStringLiteral("%1: %2").arg(sql, sqlText(q.lastError()));
+            c.problems << QStringLiteral("%1: %2").arg(sql, StoreConnection::sqlText(q.lastError()));
     };
     qint64 version = 0;
     number(QStringLiteral("SELECT MAX(version) FROM schema_version"), &version);
@@ -556,9 +515,11 @@ MessageStore::Check MessageStore::check() const
     number(QStringLiteral("SELECT COUNT(*) FROM messages"), &c.messages);
     number(QStringLiteral("SELECT COUNT(*) FROM messages WHERE origin = 'live'"), &c.liveMessages);
     number(QStringLiteral("SELECT COUNT(*) FROM messages WHERE origin = 'flash'"), &c.flashMessages);
+    number(QStringLiteral("SELECT COUNT(*) FROM messages WHERE live_id IS NOT NULL"), &c.linkedFlashMessages);
+    findGaps(c);
     if (engine_ == Engine::Sqlite) {
         if (!q.exec(QStringLiteral("PRAGMA integrity_check"))) {
-            c.problems << QStringLiteral("integrity check: %1").arg(sqlText(q.lastError()));
+            c.problems << QStringLiteral("integrity check: %1").arg(StoreConnection::sqlText(q.lastError()));
         } else {
             while (q.next()) {
                 if (q.value(0).toString() != QLatin1String("ok"))
@@ -572,6 +533,36 @@ MessageStore::Check MessageStore::check() const
         problem = QStringLiteral("%1: %2").arg(shown_, problem);
     c.ok = c.problems.isEmpty();
     return c;
+}
+
+void MessageStore::findGaps(Check& c) const
+{
+    QSqlQuery q(QSqlDatabase::database(connection_, false));
+    q.setForwardOnly(true);
+    const QString sql = QStringLiteral(
+        "SELECT r.serial_number, g.previous + 1, g.seq - 1 FROM"
+        " (SELECT receiver_id, seq, LAG(seq) OVER (PARTITION BY receiver_id ORDER BY seq) AS previous"
+        "  FROM messages WHERE seq IS NOT NULL) g"
+        " JOIN receivers r ON r.id = g.receiver_id"
+        " WHERE g.seq > g.previous + 1 ORDER BY r.serial_number, g.seq");
+    if (!q.exec(sql)) {
+        c.problems << QStringLiteral("gaps in seq: %1").arg(StoreConnection::sqlText(q.lastError()));
+        return;
+    }
+    while (q.next()) {
+        const qint64 first = q.value(1).toLongLong();
+        const qint64 last = q.value(2).toLongLong();
+        c.missingSeqs += last - first + 1;
+        if (c.gaps.size() >= 100)
+            continue;
+        c.gaps << (first == last
+                       ? QStringLiteral("receiver %1: seq %2 missing").arg(q.value(0).toString()).arg(first)
+                       : QStringLiteral("receiver %1: seq %2 to %3 missing (%4)")
+                             .arg(q.value(0).toString())
+                             .arg(first)
+                             .arg(last)
+                             .arg(last - first + 1));
+    }
 }
 
 } // namespace OrviaGonioManager::Store

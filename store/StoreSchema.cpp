@@ -69,7 +69,27 @@ const char* const kVersion1[] = {
     "CREATE INDEX messages_receiver_time ON messages (receiver_id, device_time)",
 };
 
+// A flash record points at the live message it copies: the same receiver, platform and direction
+// within a second (flash keeps whole seconds). The index finds that message among millions.
+const char* const kVersion2[] = {
+    "ALTER TABLE messages ADD COLUMN live_id BIGINT REFERENCES messages (id)",
+    "CREATE INDEX messages_receiver_platform_mjd ON messages (receiver_id, platform, mjd)",
+};
+
 } // namespace
+
+QString linkFlashCopies(const QString& which)
+{
+    return QStringLiteral(
+               "UPDATE messages SET live_id = (SELECT l.id FROM messages l WHERE l.origin = 'live'"
+               " AND l.receiver_id = messages.receiver_id AND l.platform = messages.platform"
+               " AND l.direction = messages.direction"
+               " AND l.mjd BETWEEN messages.mjd - 1 AND messages.mjd + 1"
+               " AND ABS((l.mjd - messages.mjd) * 86400 + l.seconds_of_day - messages.seconds_of_day) < 1"
+               " ORDER BY l.id LIMIT 1)"
+               " WHERE origin = 'flash' AND %1")
+        .arg(which);
+}
 
 QStringList migration(int version, Engine engine)
 {
@@ -77,6 +97,10 @@ QStringList migration(int version, Engine engine)
     if (version == 1) {
         for (const char* s : kVersion1)
             statements << spelled(QString::fromLatin1(s), engine);
+    } else if (version == 2) {
+        for (const char* s : kVersion2)
+            statements << spelled(QString::fromLatin1(s), engine);
+        statements << linkFlashCopies(QStringLiteral("live_id IS NULL"));
     }
     return statements;
 }

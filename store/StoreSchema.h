@@ -15,10 +15,14 @@ enum class Engine
 };
 
 // The version this program writes; a store of a higher one is refused.
-constexpr int kLatest = 1;
+constexpr int kLatest = 2;
 
 // The statements that take a store from version - 1 to version (1: an empty database).
 QStringList migration(int version, Engine engine);
+
+// The statement that points the flash records chosen by the condition (on the messages table) at
+// the live message each copies, when the store has it.
+QString linkFlashCopies(const QString& which);
 
 } // namespace StoreSchema
 

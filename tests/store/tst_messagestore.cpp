@@ -123,7 +123,13 @@ private slots:
     void docQueries();
     void newerSchemaRefused_data() { engines(); }
     void newerSchemaRefused();
+    void flashCopiesLinked_data();
+    void flashCopiesLinked();
+    void migrationFromVersion1_data() { engines(); }
+    void migrationFromVersion1();
     void readOnlySqlite();
+    // A store opened read-only gives its messages and refuses to add any.
+    void readOnlyReads(const QString& path);
     void badStores_data();
     void badStores();
 
@@ -197,7 +203,7 @@ void TstMessageStore::fill(MessageStore& store)
 {
     QString error;
     std::vector<Row> rows{message(QStringLiteral("002A1B3"), 81530, true),
-                          message(QStringLiteral("2A1B3"), 81530.5, false, 110),
+                          message(QStringLiteral("2A1B3"), 81530.5, false),
                           message(QStringLiteral("33BBA"), 3600, false),
                           message(QStringLiteral("2308281"), 7200, true)};
     QCOMPARE(store.addBatch(QStringLiteral("0099-429"), rows, &error), 4);
@@ -351,6 +357,110 @@ void TstMessageStore::check()
     QCOMPARE(c.messages, qint64(6));
     QCOMPARE(c.liveMessages, qint64(4));
     QCOMPARE(c.flashMessages, qint64(2));
+    QCOMPARE(c.linkedFlashMessages, qint64(1));
+    // seq 1 and 4 of 0099-430 came through MQTT: a gap, listed but not a fault of the store.
+    QCOMPARE(c.missingSeqs, qint64(2));
+    QCOMPARE(c.gaps, QStringList{QStringLiteral("receiver 0099-430: seq 2 to 3 missing (2)")});
+}
+
+void TstMessageStore::flashCopiesLinked_data()
+{
+    QTest::addColumn<QString>("engine");
+    QTest::addColumn<bool>("flashFirst");
+    for (const char* engine : {"sqlite", "postgresql"}) {
+        QTest::addRow("%s, live first", engine) << QString::fromLatin1(engine) << false;
+        QTest::addRow("%s, flash first", engine) << QString::fromLatin1(engine) << true;
+    }
+}
+
+void TstMessageStore::flashCopiesLinked()
+{
+    QFETCH(QString, engine);
+    QFETCH(bool, flashFirst);
+    OPEN_NEW(store);
+    QString error;
+    // Live times have fractions of a second, flash keeps whole seconds.
+    const std::vector<Row> live{message(QStringLiteral("2A1B3"), 100.6, false),
+                                message(QStringLiteral("33BBA"), 500.2, false)};
+    const std::vector<Row> flash{message(QStringLiteral("002A1B3"), 100, true),     // the copy of the first
+                                 message(QStringLiteral("002A1B3"), 102, true),     // two seconds off: none
+                                 message(QStringLiteral("002A1B3"), 101, true, 97), // another direction
+                                 message(QStringLiteral("0033BBB"), 500, true)};    // another platform
+    const std::vector<Row>& first = flashFirst ? flash : live;
+    const std::vector<Row>& second = flashFirst ? live : flash;
+    QVERIFY(store->addBatch(QStringLiteral("0099-429"), first, &error) > 0);
+    // Another receiver heard the same platform: its flash is not a copy of this live message.
+    QCOMPARE(
+        store->addBatch(QStringLiteral("0099-430"), {message(QStringLiteral("2A1B3"), 100, true)}, &error),
+        1);
+    QVERIFY(store->addBatch(QStringLiteral("0099-429"), second, &error) > 0);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QCOMPARE(store->check().linkedFlashMessages, qint64(1));
+    QSqlDatabase db = rawDatabase(engine, store->shownUrl(), QStringLiteral("link"));
+    {
+        QVERIFY(db.open());
+        QSqlQuery q(db);
+        QVERIFY(q.exec(QStringLiteral("SELECT f.seconds_of_day, l.seconds_of_day, l.origin FROM messages f "
+                                      "JOIN messages l ON l.id = f.live_id")));
+        QVERIFY(q.next());
+        QCOMPARE(q.value(0).toDouble(), 100.0);
+        QCOMPARE(q.value(1).toDouble(), 100.6);
+        QCOMPARE(q.value(2).toString(), QStringLiteral("live"));
+        db.close();
+    }
+    db = QSqlDatabase();
+    QSqlDatabase::removeDatabase(QStringLiteral("link"));
+}
+
+void TstMessageStore::migrationFromVersion1()
+{
+    QFETCH(QString, engine);
+    const QString url = newStore();
+    if (url.isEmpty())
+        QSKIP(qPrintable(postgresMissing_));
+    using OrviaGonioManager::Store::StoreSchema::Engine;
+    {
+        // A store as the first version left it: a live message and its flash copy, not linked.
+        QSqlDatabase db = rawDatabase(engine, url, QStringLiteral("v1"));
+        QVERIFY(db.open());
+        QSqlQuery q(db);
+        QStringList statements = OrviaGonioManager::Store::StoreSchema::migration(
+            1, engine == QLatin1String("sqlite") ? Engine::Sqlite : Engine::Postgres);
+        statements << QStringLiteral("UPDATE schema_version SET version = 1")
+                   << QStringLiteral("INSERT INTO receivers (serial_number, first_seen, last_seen) VALUES "
+                                     "('0099-429', '2026-11-23T00:00:00.000Z', '2026-11-23T00:00:00.000Z')");
+        for (const auto& [origin, platformId, seconds, time] :
+             {std::tuple{"live", "2A1B3", "100.6", "00:01:40.600"},
+              {"flash", "002A1B3", "100", "00:01:40.000"}})
+            statements
+                << QStringLiteral(
+                       "INSERT INTO messages (receiver_id, origin, platform, platform_id, platform_index, "
+                       "mjd, seconds_of_day, device_time, arrival_time, frequency, flag_bit2, flag_bit1, "
+                       "flag_bit0, direction, v1_flash_value, band, extra_code, level, period, gnx_latitude, "
+                       "gnx_longitude, gnx_direction, payload, favourite, with_average) VALUES (1, '%1', "
+                       "'2A1B3', '%2', 2, 61367, %3, '2026-11-23T%4Z', '2026-11-23T00:05:00.000Z', "
+                       "401668827, 0, 1, 1, 104, 0, 1, 2, -120, 170, 43.59, 1.23, 249, 'A43A', 0, 0)")
+                       .arg(QLatin1String(origin), QLatin1String(platformId), QLatin1String(seconds),
+                            QLatin1String(time));
+        for (const QString& s : statements)
+            QVERIFY2(q.exec(s), qPrintable(s + QLatin1Char('\n') + q.lastError().text()));
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("v1"));
+    QString error;
+    // Read-only, an older store is not brought up to date.
+    QVERIFY(!MessageStore::open(url, &error, MessageStore::Access::ReadOnly));
+    QCOMPARE(error,
+             url + QStringLiteral(": the store has schema version 1, older than version %1: open it once "
+                                  "for writing to bring it up to date")
+                       .arg(OrviaGonioManager::Store::StoreSchema::kLatest));
+    auto store = MessageStore::open(url, &error);
+    QVERIFY2(store, qPrintable(error));
+    const MessageStore::Check c = store->check();
+    QCOMPARE(c.schemaVersion, OrviaGonioManager::Store::StoreSchema::kLatest);
+    QCOMPARE(c.messages, qint64(2));
+    QCOMPARE(c.linkedFlashMessages, qint64(1));
+    QCOMPARE(store->query({}).size(), size_t(2));
 }
 
 void TstMessageStore::docQueries()
@@ -384,7 +494,7 @@ void TstMessageStore::docQueries()
         db.close();
     }
     QSqlDatabase::removeDatabase(QStringLiteral("doc"));
-    QCOMPARE(queries, 5);
+    QCOMPARE(queries, 6);
 }
 
 void TstMessageStore::newerSchemaRefused()
@@ -422,6 +532,7 @@ void TstMessageStore::readOnlySqlite()
         const QString path = QFile::decodeName(child);
         QVERIFY(!MessageStore::open(path, &error));
         QCOMPARE(error, path + QStringLiteral(": the file is read-only: the store writes to it"));
+        readOnlyReads(path);
         return;
     }
     QTemporaryDir dir;
@@ -429,11 +540,14 @@ void TstMessageStore::readOnlySqlite()
     {
         auto store = MessageStore::open(path, &error);
         QVERIFY2(store, qPrintable(error));
+        fill(*store);
     }
+    readOnlyReads(path);
     QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
     if (::geteuid() != 0) {
         QVERIFY(!MessageStore::open(path, &error));
         QCOMPARE(error, path + QStringLiteral(": the file is read-only: the store writes to it"));
+        readOnlyReads(path);
         return;
     }
     // Root writes to any file: the same test runs again as a user the file is read-only for.
@@ -449,6 +563,20 @@ void TstMessageStore::readOnlySqlite()
     QVERIFY(p.waitForFinished(60000));
     QVERIFY2(p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0,
              qPrintable(QString::fromLocal8Bit(p.readAllStandardOutput() + p.readAllStandardError())));
+}
+
+void TstMessageStore::readOnlyReads(const QString& path)
+{
+    QString error;
+    auto store = MessageStore::open(path, &error, MessageStore::Access::ReadOnly);
+    QVERIFY2(store, qPrintable(error));
+    QCOMPARE(store->query({}, &error).size(), size_t(6));
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+    QVERIFY(store->check().ok);
+    QCOMPARE(
+        store->addBatch(QStringLiteral("0099-429"), {message(QStringLiteral("2A1B3"), 1, false)}, &error),
+        -1);
+    QVERIFY2(error.startsWith(path + QStringLiteral(": cannot store the messages: ")), qPrintable(error));
 }
 
 void TstMessageStore::badStores_data()
@@ -495,6 +623,15 @@ void TstMessageStore::badStores_data()
     QTest::newRow("someone else's database")
         << foreign << foreign + QStringLiteral(": not a message store: it has tables but no schema_version")
         << QString();
+    QTest::newRow("read-only, no such file") << QStringLiteral("readonly:") + missingDir
+                                             << missingDir + QStringLiteral(": no such store") << QString();
+    const QString empty = dir_.filePath(QStringLiteral("empty.sqlite"));
+    QFile e(empty);
+    QVERIFY(e.open(QIODevice::WriteOnly)); // no bytes: an SQLite database with nothing in it
+    e.close();
+    QTest::newRow("read-only, empty database")
+        << QStringLiteral("readonly:") + empty << empty + QStringLiteral(": not a message store: it is empty")
+        << QString();
 }
 
 void TstMessageStore::badStores()
@@ -503,7 +640,10 @@ void TstMessageStore::badStores()
     QFETCH(QString, expected);
     QFETCH(QString, hidden);
     QString error;
-    QVERIFY(!MessageStore::open(url, &error));
+    // "readonly:" marks the rows that open for reading only.
+    const bool readOnly = url.startsWith(QLatin1String("readonly:"));
+    QVERIFY(!MessageStore::open(readOnly ? url.mid(9) : url, &error,
+                                readOnly ? MessageStore::Access::ReadOnly : MessageStore::Access::ReadWrite));
     QVERIFY2(error.startsWith(expected), qPrintable(error));
     if (!hidden.isEmpty())
         QVERIFY2(!error.contains(hidden), qPrintable(error));
