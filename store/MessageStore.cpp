@@ -1,5 +1,6 @@
 #include "store/MessageStore.h"
 
+#include "store/MessageInsert.h"
 #include "store/StoreConnection.h"
 
 #include "mrl/utils/DateTime.h"
@@ -11,7 +12,9 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSqlDatabase>
+#include <QSqlDriver>
 #include <QSqlError>
+#include <QSqlField>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QStandardPaths>
@@ -26,28 +29,10 @@ namespace {
 
 const char* const kUsage = "a file path, sqlite:PATH or postgresql://user@host:port/database";
 
-// The message columns in the order add() binds them and query() reads them.
-const char* const kColumns[] = {
-    "receiver_id",       "origin",        "platform",       "platform_id",
-    "platform_index",    "mjd",           "seconds_of_day", "device_time",
-    "arrival_time",      "frequency",     "flag_bit2",      "flag_bit1",
-    "flag_bit0",         "direction",     "v1_flash_value", "band",
-    "extra_code",        "level",         "period",         "gnx_latitude",
-    "gnx_longitude",     "gnx_direction", "payload",        "payload_latitude",
-    "payload_longitude", "label",         "favourite_slot", "favourite",
-    "with_average",      "station",       "boot",           "seq",
-    "record_key",
-};
-
 QString newConnectionName()
 {
     static QAtomicInteger<quint64> counter;
     return QStringLiteral("ogm-messagestore-%1").arg(counter.fetchAndAddRelaxed(1));
-}
-
-QVariant nullDouble()
-{
-    return QVariant(QMetaType(QMetaType::Double));
 }
 
 QVariant textOrNull(const QString& text)
@@ -192,28 +177,34 @@ QString MessageStore::timeText(const QDateTime& time)
 
 QString MessageStore::recordKey(const Com::OrviaRxMessage_t& m)
 {
-    // Fixed formats, so that one record gives one key on any machine and in any locale.
-    const QString canonical = QStringLiteral("%1|%2|%3|%4|%5|%6%7%8|%9|%10|%11|%12|%13|%14|%15|%16|%17|%18")
-                                  .arg(m.platformIndex)
-                                  .arg(m.mjd)
-                                  .arg(m.secondsOfDay, 0, 'f', 3)
-                                  .arg(m.platformId)
-                                  .arg(m.frequency)
-                                  .arg(int(m.flagBit2))
-                                  .arg(int(m.flagBit1))
-                                  .arg(int(m.flagBit0))
-                                  .arg(m.direction)
-                                  .arg(m.v1FlashValue)
-                                  .arg(m.band)
-                                  .arg(m.extraCode)
-                                  .arg(m.level)
-                                  .arg(m.period)
-                                  .arg(m.gnxLatitude, 0, 'f', 6)
-                                  .arg(m.gnxLongitude, 0, 'f', 6)
-                                  .arg(m.gnxDirection)
-                                  .arg(QString::fromLatin1(m.payload.toHex().toUpper()));
-    return QString::fromLatin1(
-        QCryptographicHash::hash(canonical.toUtf8(), QCryptographicHash::Sha1).toHex());
+    // Fixed formats, so that one record gives one key on any machine and in any locale; built in
+    // one buffer, as a flash memory asks for tens of thousands at once.
+    QByteArray canonical;
+    canonical.reserve(160);
+    const auto number = [&](auto value) { canonical += QByteArray::number(value) + '|'; };
+    const auto fixed = [&](double value, int decimals) {
+        canonical += QByteArray::number(value, 'f', decimals) + '|';
+    };
+    number(m.platformIndex);
+    number(qulonglong(m.mjd));
+    fixed(m.secondsOfDay, 3);
+    canonical += m.platformId.toUtf8() + '|';
+    number(qulonglong(m.frequency));
+    canonical += char('0' + int(m.flagBit2));
+    canonical += char('0' + int(m.flagBit1));
+    canonical += char('0' + int(m.flagBit0));
+    canonical += '|';
+    number(int(m.direction));
+    number(int(m.v1FlashValue));
+    number(int(m.band));
+    number(int(m.extraCode));
+    number(m.level);
+    number(qulonglong(m.period));
+    fixed(m.gnxLatitude, 6);
+    fixed(m.gnxLongitude, 6);
+    number(qulonglong(m.gnxDirection));
+    canonical += m.payload.toHex().toUpper();
+    return QString::fromLatin1(QCryptographicHash::hash(canonical, QCryptographicHash::Sha1).toHex());
 }
 
 qint64 MessageStore::receiverId(const QString& serial, const QString& now, QString* error)
@@ -298,7 +289,6 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
     QSqlDatabase db = QSqlDatabase::database(connection_, false);
     const QString now = timeText(QDateTime::currentDateTimeUtc());
     QString failure;
-    int added = 0;
     bool ok = db.transaction();
     if (!ok)
         failure = StoreConnection::sqlText(db.lastError());
@@ -317,72 +307,29 @@ int MessageStore::add(const QString& receiverSerial, const std::vector<RxTableMo
     bool anyFlash = false;
     QDateTime firstLive;
     QDateTime lastLive;
-    if (ok) {
-        QStringList names;
-        for (const char* column : kColumns)
-            names << QString::fromLatin1(column);
-        const QString marks = QStringLiteral("?, ").repeated(names.size() - 1) + QStringLiteral("?");
-        ok = q.prepare(QStringLiteral("INSERT INTO messages (%1) VALUES (%2) ON CONFLICT DO NOTHING")
-                           .arg(names.join(QStringLiteral(", ")), marks));
-        if (!ok)
-            failure = StoreConnection::sqlText(q.lastError());
-    }
+    MessageInsert insert(db, engine_);
     for (size_t i = 0; ok && i < rows.size(); ++i) {
         const RxTableModel::Row& row = rows[i];
-        const Com::OrviaRxMessage_t& m = row.message;
-        const RxTableModel::Row::ByNumber& n = row.byNumber;
         const bool mqtt = seqs != nullptr;
-        q.addBindValue(receiver);
-        q.addBindValue(row.flash ? QStringLiteral("flash") : QStringLiteral("live"));
-        q.addBindValue(Utils::PlatformNumber::shortest(m.platformId));
-        q.addBindValue(m.platformId);
-        q.addBindValue(m.platformIndex);
-        q.addBindValue(qint64(m.mjd));
-        q.addBindValue(m.secondsOfDay);
-        q.addBindValue(timeText(MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime()));
-        q.addBindValue(now);
-        q.addBindValue(qint64(m.frequency));
-        q.addBindValue(int(m.flagBit2));
-        q.addBindValue(int(m.flagBit1));
-        q.addBindValue(int(m.flagBit0));
-        q.addBindValue(int(m.direction));
-        q.addBindValue(int(m.v1FlashValue));
-        q.addBindValue(int(m.band));
-        q.addBindValue(int(m.extraCode));
-        q.addBindValue(m.level);
-        q.addBindValue(qint64(m.period));
-        q.addBindValue(m.gnxLatitude);
-        q.addBindValue(m.gnxLongitude);
-        q.addBindValue(qint64(m.gnxDirection));
-        // Not NULL for no bytes: the column is NOT NULL.
-        const QString payload = QString::fromLatin1(m.payload.toHex().toUpper());
-        q.addBindValue(payload.isEmpty() ? QStringLiteral("") : payload);
-        q.addBindValue(n.payloadPosition ? QVariant(n.payloadLatitude) : nullDouble());
-        q.addBindValue(n.payloadPosition ? QVariant(n.payloadLongitude) : nullDouble());
-        q.addBindValue(textOrNull(n.label));
-        q.addBindValue(textOrNull(row.index));
-        q.addBindValue(int(n.favourite));
-        q.addBindValue(int(row.withAverage));
-        q.addBindValue(mqtt ? textOrNull(stations->at(int(i))) : textOrNull({}));
-        q.addBindValue(mqtt ? textOrNull(boots->at(int(i))) : textOrNull({}));
-        q.addBindValue(mqtt ? QVariant(seqs->at(i)) : QVariant(QMetaType(QMetaType::LongLong)));
-        q.addBindValue(row.flash ? QVariant(recordKey(m)) : textOrNull({}));
-        ok = q.exec();
-        if (ok)
-            added += std::max(0, q.numRowsAffected());
-        else
-            failure = StoreConnection::sqlText(q.lastError());
+        const QString station = mqtt ? stations->at(int(i)) : QString();
+        const QString boot = mqtt ? boots->at(int(i)) : QString();
+        ok = insert.add(receiver, row, now, mqtt ? &station : nullptr, mqtt ? &boot : nullptr,
+                        mqtt ? &seqs->at(i) : nullptr);
         if (row.flash) {
             anyFlash = true;
         } else {
-            const QDateTime at = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime();
+            const QDateTime at =
+                MRL::Utils::DateTime::fromMjd(row.message.mjd, row.message.secondsOfDay).toQDateTime();
             if (!firstLive.isValid() || at < firstLive)
                 firstLive = at;
             if (!lastLive.isValid() || at > lastLive)
                 lastLive = at;
         }
     }
-    q.finish();
+    ok = ok && insert.finish();
+    if (!ok && failure.isEmpty())
+        failure = insert.error();
+    const int added = insert.added();
     if (ok && added > 0 && anyFlash)
         ok = linkFlashCopies(QStringLiteral("id > ? AND live_id IS NULL"), {lastBefore}, &failure);
     // Flash records read before the live messages they copy: rare, but the link goes both ways.
@@ -412,8 +359,8 @@ bool MessageStore::linkFlashCopies(const QString& which, const QVariantList& val
 std::vector<RxTableModel::Row> MessageStore::query(const Query& query, QString* error) const
 {
     QStringList names;
-    for (const char* column : kColumns)
-        names << QStringLiteral("m.") + QString::fromLatin1(column);
+    for (const QString& column : MessageInsert::columns())
+        names << QStringLiteral("m.") + column;
     QStringList where;
     QVariantList values;
     if (!query.receiver.isEmpty()) {

@@ -70,25 +70,28 @@ const char* const kVersion1[] = {
 };
 
 // A flash record points at the live message it copies: the same receiver, platform and direction
-// within a second (flash keeps whole seconds). The index finds that message among millions.
+// within a second (flash keeps whole seconds). The index, of live messages only, finds that message
+// among millions without looking at the flash records beside it.
 const char* const kVersion2[] = {
     "ALTER TABLE messages ADD COLUMN live_id BIGINT REFERENCES messages (id)",
-    "CREATE INDEX messages_receiver_platform_mjd ON messages (receiver_id, platform, mjd)",
+    "CREATE INDEX messages_live ON messages (receiver_id, platform, mjd) WHERE origin = 'live'",
 };
 
 } // namespace
 
 QString linkFlashCopies(const QString& which)
 {
-    return QStringLiteral(
-               "UPDATE messages SET live_id = (SELECT l.id FROM messages l WHERE l.origin = 'live'"
-               " AND l.receiver_id = messages.receiver_id AND l.platform = messages.platform"
-               " AND l.direction = messages.direction"
-               " AND l.mjd BETWEEN messages.mjd - 1 AND messages.mjd + 1"
-               " AND ABS((l.mjd - messages.mjd) * 86400 + l.seconds_of_day - messages.seconds_of_day) < 1"
-               " ORDER BY l.id LIMIT 1)"
-               " WHERE origin = 'flash' AND %1")
-        .arg(which);
+    const QString live = QStringLiteral(
+        "(SELECT l.id FROM messages l WHERE l.origin = 'live'"
+        " AND l.receiver_id = messages.receiver_id AND l.platform = messages.platform"
+        " AND l.direction = messages.direction"
+        " AND l.mjd BETWEEN messages.mjd - 1 AND messages.mjd + 1"
+        " AND ABS((l.mjd - messages.mjd) * 86400 + l.seconds_of_day - messages.seconds_of_day) < 1"
+        " ORDER BY l.id LIMIT 1)");
+    // Only the records that have a live message are written: rewriting every other one would cost
+    // a flash read more than storing it.
+    return QStringLiteral("UPDATE messages SET live_id = %1 WHERE origin = 'flash' AND %2 AND %1 IS NOT NULL")
+        .arg(live, which);
 }
 
 QStringList migration(int version, Engine engine)

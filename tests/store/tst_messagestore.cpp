@@ -202,10 +202,9 @@ std::unique_ptr<MessageStore> TstMessageStore::openNew()
 void TstMessageStore::fill(MessageStore& store)
 {
     QString error;
-    std::vector<Row> rows{message(QStringLiteral("002A1B3"), 81530, true),
-                          message(QStringLiteral("2A1B3"), 81530.5, false),
-                          message(QStringLiteral("33BBA"), 3600, false),
-                          message(QStringLiteral("2308281"), 7200, true)};
+    std::vector<Row> rows{
+        message(QStringLiteral("002A1B3"), 81530, true), message(QStringLiteral("2A1B3"), 81530.5, false),
+        message(QStringLiteral("33BBA"), 3600, false), message(QStringLiteral("2308281"), 7200, true)};
     QCOMPARE(store.addBatch(QStringLiteral("0099-429"), rows, &error), 4);
     QCOMPARE(store.addMqttBatch(QStringLiteral("0099-430"), {message(QStringLiteral("33BBA"), 60, false)},
                                 {QStringLiteral("hill-3")}, {QStringLiteral("1b9556ab7e8e7a44")}, {1},
@@ -255,6 +254,9 @@ void TstMessageStore::flashTwiceAddsNothing()
     const std::vector<Row> flash{message(QStringLiteral("002A1B3"), 100, true),
                                  message(QStringLiteral("002A1B3"), 200, true),
                                  message(QStringLiteral("2308281"), 100, true)};
+    // A record's key never changes, or stores kept by earlier versions would take it again.
+    QCOMPARE(MessageStore::recordKey(flash[0].message),
+             QStringLiteral("678f52e34e4002becb78d72dee7085d3fe43db67"));
     QCOMPARE(store->addBatch(QStringLiteral("0099-429"), flash, &error), 3);
     QCOMPARE(store->addBatch(QStringLiteral("0099-429"), flash, &error), 0);
     // Another receiver's memory is its own.
