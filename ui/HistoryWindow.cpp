@@ -72,6 +72,10 @@ HistoryWindow::~HistoryWindow()
     // The worker, and its store, go in their own thread.
     thread_.quit();
     thread_.wait();
+    // Before the models they show, which go before the children.
+    delete bearings_;
+    view_->setModel(nullptr);
+    delete proxy_;
 }
 
 QString HistoryWindow::defaultStoreUrl()
