@@ -38,9 +38,9 @@ void HistoryWorker::query(quint64 id, MessageStore::Query query)
     const int limit = query.limit;
     if (limit > 0)
         query.limit = limit + 1; // one more tells whether the limit cut the answer
-    q.rows = store_->query(query, &q.error);
-    if (limit > 0 && q.rows.size() > size_t(limit)) {
-        q.rows.resize(size_t(limit));
+    q.rows = std::make_shared<std::vector<Utils::RxTableModel::Row>>(store_->query(query, &q.error));
+    if (limit > 0 && q.rows->size() > size_t(limit)) {
+        q.rows->resize(size_t(limit));
         q.more = true;
     }
     emit sigQueried(q);

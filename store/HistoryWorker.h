@@ -28,8 +28,9 @@ public:
     struct Queried
     {
         quint64 id = 0;
-        std::vector<Utils::RxTableModel::Row> rows; // oldest first
-        bool more = false;                          // the limit cut the answer short
+        // Oldest first; shared, so that the window takes them without a copy.
+        std::shared_ptr<std::vector<Utils::RxTableModel::Row>> rows;
+        bool more = false; // the limit cut the answer short
         QString error;
     };
     struct Saved

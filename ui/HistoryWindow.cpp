@@ -19,6 +19,8 @@
 #include <QTableView>
 #include <QVBoxLayout>
 
+#include <utility>
+
 namespace OrviaGonioManager::Ui {
 
 using Store::HistoryExport;
@@ -35,6 +37,15 @@ QString messages(qint64 n)
 {
     return n == 1 ? QStringLiteral("1 message") : QStringLiteral("%1 messages").arg(n);
 }
+
+// Filters in the view, and leaves the sorting to the RX table's model, which sorts a big table
+// far faster than a proxy comparing cell texts.
+class FilterProxy : public QSortFilterProxyModel
+{
+public:
+    using QSortFilterProxyModel::QSortFilterProxyModel;
+    void sort(int column, Qt::SortOrder order) override { sourceModel()->sort(column, order); }
+};
 
 QDateTimeEdit* timeEdit(const QString& name, const QDateTime& at)
 {
@@ -76,6 +87,7 @@ HistoryWindow::~HistoryWindow()
     delete bearings_;
     view_->setModel(nullptr);
     delete proxy_;
+    delete model_;
 }
 
 QString HistoryWindow::defaultStoreUrl()
@@ -152,8 +164,9 @@ void HistoryWindow::buildLayout()
     filter_->setObjectName(QStringLiteral("lineEditHistoryFilter"));
     filter_->setPlaceholderText(QStringLiteral("Filter the rows shown (any column)"));
     filter_->setClearButtonEnabled(true);
-    proxy_ = new QSortFilterProxyModel(this);
-    proxy_->setSourceModel(&model_);
+    proxy_ = new FilterProxy(this);
+    model_ = new RxTableModel;
+    proxy_->setSourceModel(model_);
     proxy_->setFilterKeyColumn(-1);
     proxy_->setFilterCaseSensitivity(Qt::CaseInsensitive);
     connect(filter_, &QLineEdit::textChanged, this, [this](const QString& text) {
@@ -168,6 +181,9 @@ void HistoryWindow::buildLayout()
     view_->setSelectionBehavior(QAbstractItemView::SelectRows);
     view_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     view_->verticalHeader()->setVisible(false);
+    view_->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    view_->verticalHeader()->setDefaultSectionSize(view_->fontMetrics().height() + 6);
+    view_->horizontalHeader()->setResizeContentsPrecision(200);
     view_->horizontalHeader()->setStretchLastSection(true);
     connect(view_->selectionModel(), &QItemSelectionModel::selectionChanged, this, &HistoryWindow::showCount);
 
@@ -232,7 +248,7 @@ void HistoryWindow::openStore(const QString& url)
     store_->setText(url);
     storeUrl_.clear();
     error_.clear();
-    model_.clear();
+    showRows({});
     setStatus(QStringLiteral("Opening the store..."));
     ++pending_;
     ++lastQuery_; // an answer still to come from the store before is dropped
@@ -275,7 +291,7 @@ void HistoryWindow::search()
         query.to = to_->dateTime();
     query.limit = limit_->value();
     if (query.from.isValid() && query.to.isValid() && query.to <= query.from) {
-        model_.clear();
+        showRows({});
         setStatus(QStringLiteral("No messages: \"To\" is not after \"From\""), true);
         updateButtons();
         emit sigQueryDone();
@@ -297,12 +313,26 @@ void HistoryWindow::queried(const HistoryWorker::Queried& q)
     }
     error_ = q.error;
     more_ = q.more;
-    model_.clear();
-    if (q.error.isEmpty())
-        model_.addRows(q.rows);
+    showRows(q.error.isEmpty() && q.rows ? std::move(*q.rows) : std::vector<RxTableModel::Row>());
+    view_->resizeColumnsToContents(); // of the first rows: quick on any store
     showCount();
     updateButtons();
     emit sigQueryDone();
+}
+
+void HistoryWindow::showRows(std::vector<RxTableModel::Row> rows)
+{
+    auto* model = new RxTableModel;
+    model->addRows(std::move(rows));
+    // In the order the header shows, once one was chosen.
+    const QHeaderView* header = view_->horizontalHeader();
+    if (header->sortIndicatorSection() >= 0 && header->sortIndicatorSection() < RxTableModel::COLUMN_COUNT)
+        model->sort(header->sortIndicatorSection(), header->sortIndicatorOrder());
+    RxTableModel* old = std::exchange(model_, model);
+    proxy_->setSourceModel(model_);
+    // A big table takes a while to free: not in the window's thread.
+    old->moveToThread(&thread_);
+    old->deleteLater();
 }
 
 void HistoryWindow::showCount()
@@ -311,7 +341,7 @@ void HistoryWindow::showCount()
         setStatus(error_, true);
         return;
     }
-    const int all = model_.rowCount();
+    const int all = model_->rowCount();
     if (all == 0) {
         setStatus(QStringLiteral("No messages"));
         return;
@@ -335,7 +365,7 @@ void HistoryWindow::setStatus(const QString& text, bool error)
 
 void HistoryWindow::updateButtons()
 {
-    const bool rows = model_.rowCount() > 0;
+    const bool rows = model_->rowCount() > 0;
     bearingsButton_->setEnabled(rows);
     exportCsv_->setEnabled(rows);
     exportJsonl_->setEnabled(rows);
@@ -352,7 +382,7 @@ std::vector<RxTableModel::Row> HistoryWindow::chosenRows() const
         const QModelIndex index = proxy_->index(row, 0);
         if (!selectedOnly || selection->isSelected(index))
             // No ID filter here: the model's rows are the whole table's.
-            rows.push_back(model_.rowAt(proxy_->mapToSource(index).row()));
+            rows.push_back(model_->rowAt(proxy_->mapToSource(index).row()));
     }
     return rows;
 }
@@ -388,7 +418,7 @@ void HistoryWindow::exportAs(HistoryExport::Format format)
     std::vector<RxTableModel::Row> rows = chosenRows();
     setStatus(QStringLiteral("Exporting %1 to %2...").arg(messages(qint64(rows.size())), fileName));
     ++pending_;
-    const auto coordType = model_.coordType();
+    const auto coordType = model_->coordType();
     QMetaObject::invokeMethod(worker_, [w = worker_, fileName, format, rows = std::move(rows), coordType] {
         w->save(0, fileName, format, rows, coordType);
     });

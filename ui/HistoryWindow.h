@@ -39,7 +39,7 @@ public:
     // The user's store/url preference, else the store the window and gnxctl share.
     static QString defaultStoreUrl();
 
-    const Utils::RxTableModel* model() const { return &model_; }
+    const Utils::RxTableModel* model() const { return model_; }
     QSortFilterProxyModel* proxy() const { return proxy_; }
     QTableView* view() const { return view_; }
     // The store's URL as shown, once opened.
@@ -71,13 +71,16 @@ private:
     void storeOpened(const Store::HistoryWorker::Opened& o);
     void queried(const Store::HistoryWorker::Queried& q);
     void saved(const Store::HistoryWorker::Saved& s);
+    // A new model with these rows, sorted as the header shows.
+    void showRows(std::vector<Utils::RxTableModel::Row> rows);
     void showCount();
     void setStatus(const QString& text, bool error = false);
     void updateButtons();
 
     QSpinBox* angleOffset_;
     QComboBox* distanceUnit_;
-    Utils::RxTableModel model_;
+    // The rows found; each search makes a new one and the old one goes in the worker's thread.
+    Utils::RxTableModel* model_ = nullptr;
     Utils::RxTableModel bearingsModel_; // what the Bearings window was shown
     QThread thread_;
     Store::HistoryWorker* worker_ = nullptr; // lives in thread_
