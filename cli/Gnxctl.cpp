@@ -131,6 +131,7 @@ void Gnxctl::addCommands()
     addFileCommands();
     addBearingsCommands();
     addStoreCommands();
+    addHistoryCommands();
 }
 
 CLI::App& Gnxctl::command(const QString& words, const QString& description, const Run& run)

@@ -40,6 +40,7 @@ private:
     void addFileCommands();
     void addBearingsCommands();
     void addStoreCommands();
+    void addHistoryCommands();
     // A command under its words ("flash read"), made with its groups; run once parsed.
     CLI::App& command(const QString& words, const QString& description, const Run& run);
     // A parse failure in words a person understands, with a suggestion for a mistyped command.
@@ -87,6 +88,8 @@ private:
     // Fixes from the bearings of messages read back from a file.
     void bearings(const CliArgs& args);
     void storeCheck(const CliArgs& args);
+    // The kept messages, chosen as the History window chooses them.
+    void history(const CliArgs& args);
     // The store at url, or CliError EXIT_STORE saying why.
     static std::unique_ptr<Store::MessageStore>
     openStore(const QString& url,

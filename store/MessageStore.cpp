@@ -445,6 +445,20 @@ std::vector<RxTableModel::Row> MessageStore::query(const Query& query, QString* 
     return rows;
 }
 
+QStringList MessageStore::receivers(QString* error) const
+{
+    QStringList serials;
+    QSqlQuery q(QSqlDatabase::database(connection_, false));
+    if (!q.exec(QStringLiteral("SELECT serial_number FROM receivers ORDER BY serial_number"))) {
+        if (error)
+            *error = QStringLiteral("%1: cannot read the receivers: %2").arg(shown_, sqlText(q.lastError()));
+        return serials;
+    }
+    while (q.next())
+        serials << q.value(0).toString();
+    return serials;
+}
+
 MessageStore::Check MessageStore::check() const
 {
     Check c;

@@ -99,6 +99,8 @@ public:
 
     // Oldest first (device time, then the order they were stored in).
     std::vector<Utils::RxTableModel::Row> query(const Query& query, QString* error = nullptr) const;
+    // The serial numbers of the receivers kept, in order.
+    QStringList receivers(QString* error = nullptr) const;
     Check check() const;
 
     // The identity of a flash record beside its receiver: a hash of every field of its message.

@@ -58,6 +58,9 @@ public:
     // The Bearings window, made the first time it is asked for.
     class BearingsWindow* bearingsWindow();
     QAction* bearingsAction() const { return bearingsAction_; }
+    // The History window (kept messages), made the first time it is asked for.
+    class HistoryWindow* historyWindow();
+    QAction* historyAction() const { return historyAction_; }
     // The Terminal tab's log view menu and command history.
     class TerminalLog* terminalLog() const { return terminalLog_; }
     class CommandHistory* commandHistory() const { return commandHistory_; }
@@ -145,6 +148,8 @@ private:
     // The Bearings window's action (MainWindowBearings.cpp).
     void setUpBearings(QToolBar* toolBar);
     void updateBearingsApply();
+    // The History window's action (MainWindowHistory.cpp).
+    void setUpHistory(QToolBar* toolBar);
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);
@@ -206,6 +211,8 @@ private:
     class JobPanel* jobPanel_ = nullptr;
     QAction* bearingsAction_ = nullptr;
     class BearingsWindow* bearingsWindow_ = nullptr;
+    QAction* historyAction_ = nullptr;
+    class HistoryWindow* historyWindow_ = nullptr;
     class TerminalLog* terminalLog_ = nullptr;
     class CommandHistory* commandHistory_ = nullptr;
     QLabel* noReceiverLabel_ = nullptr;

@@ -22,6 +22,7 @@ void MainWindow::setUpBearings(QToolBar* toolBar)
         w->raise();
         w->activateWindow();
     });
+    setUpHistory(toolBar);
 }
 
 BearingsWindow* MainWindow::bearingsWindow()
