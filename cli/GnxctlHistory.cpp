@@ -143,7 +143,8 @@ void Gnxctl::history(const CliArgs& a)
         throw CliError{EXIT_USAGE,
                        QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
     const QString db = a.value(QStringLiteral("db"));
-    const auto store = openStore(db.isEmpty() ? MessageStore::defaultUrl() : db);
+    const auto store =
+        openStore(db.isEmpty() ? MessageStore::defaultUrl() : db, MessageStore::Access::ReadOnly);
     QString error;
     const std::vector<Utils::RxTableModel::Row> rows = store->query(query, &error);
     if (!error.isEmpty())

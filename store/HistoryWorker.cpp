@@ -15,7 +15,8 @@ void HistoryWorker::open(const QString& url)
 {
     store_.reset(); // its connection goes before the next one comes
     Opened o;
-    store_ = MessageStore::open(url, &o.error);
+    // Looking writes nothing: a read-only file opens, and no store is made where there was none.
+    store_ = MessageStore::open(url, &o.error, MessageStore::Access::ReadOnly);
     if (store_) {
         o.url = store_->shownUrl();
         o.receivers = store_->receivers(&o.error);

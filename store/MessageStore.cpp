@@ -451,7 +451,8 @@ QStringList MessageStore::receivers(QString* error) const
     QSqlQuery q(QSqlDatabase::database(connection_, false));
     if (!q.exec(QStringLiteral("SELECT serial_number FROM receivers ORDER BY serial_number"))) {
         if (error)
-            *error = QStringLiteral("%1: cannot read the receivers: %2").arg(shown_, sqlText(q.lastError()));
+            *error = QStringLiteral("%1: cannot read the receivers: %2")
+                         .arg(shown_, StoreConnection::sqlText(q.lastError()));
         return serials;
     }
     while (q.next())

@@ -633,6 +633,8 @@ private slots:
             QVERIFY(writeFile(target, "old") &&
                     QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner));
         }
+        if (command.contains("%d")) // a store to read from, filled by a flash read
+            QCOMPARE(run(withPort("flash read -o /dev/null --db " + dir_.filePath("outputs.db"))).code, 0);
         const Run r = run(withPort(
             command.replace("%o", kind == "dash" ? "-" : target).replace("%d", dir_.filePath("outputs.db"))));
         QVERIFY2(r.code == 0, r.err);

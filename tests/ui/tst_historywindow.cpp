@@ -394,7 +394,7 @@ private slots:
         QTest::newRow("a directory") << "directory"
                                      << "%1: not a file";
         QTest::newRow("no such directory") << "missing"
-                                           << "%1: cannot make the store: the directory";
+                                           << "%1: no such store";
         QTest::newRow("a newer store") << "newer"
                                        << "%1: ";
     }
