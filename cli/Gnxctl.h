@@ -34,6 +34,8 @@ public:
     int run(const QStringList& arguments);
     // Where gnxctl keeps what it makes for the user: $XDG_STATE_HOME/gnxctl.
     static QString stateDirectory();
+    // The broker's user and password: from --mqtt-auth FILE, else the environment.
+    static void mqttCredentials(const CliArgs& args, QString* user, QString* password);
 
 private:
     void addCommands();
@@ -42,6 +44,7 @@ private:
     void addFileCommands();
     void addBearingsCommands();
     void addStoreCommands();
+    void addArchiveCommand();
     // A command under its words ("flash read"), made with its groups; run once parsed.
     CLI::App& command(const QString& words, const QString& description, const Run& run);
     // A parse failure in words a person understands, with a suggestion for a mistyped command.
@@ -89,6 +92,8 @@ private:
     // Fixes from the bearings of messages read back from a file.
     void bearings(const CliArgs& args);
     void storeCheck(const CliArgs& args);
+    // Keeps what the stations publish in a store, until stopped.
+    void archive(const CliArgs& args);
     // The store at url, or CliError EXIT_STORE saying why.
     static std::unique_ptr<Store::MessageStore> openStore(const QString& url);
     // The favourites of a platforms file into rows_; returns the generation its columns are of.
