@@ -13,6 +13,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSysInfo>
+#include <QUrl>
 
 #include <optional>
 
@@ -61,6 +62,12 @@ Stream::MqttArchiver::Options archiverOptions(const CliArgs& a)
                                       "without \"/\", \"+\" or \"#\"")
                            .arg(o.mqtt.clientId)};
     o.storeUrl = a.value(QStringLiteral("db"));
+    const QString scheme = QUrl(o.storeUrl).scheme();
+    if (scheme.size() > 1 && scheme != QLatin1String("postgresql") && scheme != QLatin1String("postgres") &&
+        scheme != QLatin1String("sqlite"))
+        throw CliError{EXIT_USAGE, QStringLiteral("bad store URL \"%1\": a path, sqlite:PATH or "
+                                                  "postgresql://user@host:port/database")
+                                       .arg(QUrl(o.storeUrl).toDisplayString(QUrl::RemoveUserInfo))};
     o.count = positive(a, "count", 0);
     o.maxBatch = int(std::min<qint64>(positive(a, "batch", 500), 100000));
     return o;
