@@ -141,6 +141,12 @@ void Gnxctl::archive(const CliArgs& a)
     archiver.stop(failure ? failure->message : QString());
     if (failure)
         throw *failure;
+    const Stream::MqttArchiver::Counts& n = archiver.counts();
+    if (!quiet_)
+        MqttStation::say(QStringLiteral("stopped; %1 messages stored, %2 already kept, %3 rejected")
+                             .arg(n.stored)
+                             .arg(n.duplicates)
+                             .arg(n.rejected));
 }
 
 } // namespace OrviaGonioManager::Cli

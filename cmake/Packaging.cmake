@@ -8,7 +8,8 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 install(TARGETS OrviaGonioManager RUNTIME DESTINATION lib/${OGM_PACKAGE})
 install(TARGETS gnxsim gnxctl RUNTIME DESTINATION bin)
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-monitor@.service DESTINATION lib/systemd/system)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-monitor@.service
+    ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-archive.service DESTINATION lib/systemd/system)
 install(PROGRAMS ${OGM_PACKAGING}/${OGM_PACKAGE} DESTINATION bin)
 install(FILES ${CMAKE_SOURCE_DIR}/Data/format.vtl DESTINATION share/${OGM_PACKAGE})
 install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.desktop DESTINATION share/applications)

@@ -3,6 +3,7 @@
 #include "common/Broker.h"
 #include "common/FreePort.h"
 #include "common/PostgresServer.h"
+#include "sim/PtySimulator.h"
 #include "store/MessageStore.h"
 #include "utils/RxJson.h"
 
@@ -280,6 +281,71 @@ private slots:
             for (auto it = sent.begin(); it != sent.end(); ++it)
                 if (it.key() != "seq" && it.key() != "station" && it.key() != "boot")
                     QVERIFY2(back[it.key()] == it.value(), qPrintable(it.key()));
+        }
+    }
+
+    // A real station (gnxctl monitor --mqtt on gnxsim) into the archive: what it published is
+    // what is kept, with the receiver's identification from its status.
+    void fromStation_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::newRow("GNX134") << "GNX134";
+        QTest::newRow("GNX234") << "GNX234";
+    }
+    void fromStation()
+    {
+        QFETCH(QString, model);
+        gnxsim::Options o;
+        o.model = model == "GNX134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
+        o.platforms = 4;
+        o.liveIntervalMs = 20;
+        o.linkPath = dir_.filePath("gnx-" + model);
+        o.seed = 3;
+        gnxsim::PtySimulator sim(o);
+        QVERIFY(sim.start());
+        TestSupport::Subscriber published(broker_->port(), "test/+/rx");
+        const QString db = sqlite("station-" + model);
+        startArchive(db, "arch-station", {"--count", "20"});
+        QVERIFY(said("connected to the MQTT broker"));
+        QProcess station;
+        station.start(GNXCTL_PATH, {"--port", o.linkPath, "monitor", "--mqtt", broker_->url(), "--station",
+                                    "hill-3", "--spool", dir_.filePath("spool-" + model), "--count", "20"});
+        QVERIFY(station.waitForFinished(kWaitMs) && station.exitCode() == 0);
+        QCOMPARE(finish(), 0);
+        QVERIFY2(err_.contains("stopped; 20 messages stored, 0 already kept, 0 rejected"), err_);
+
+        QList<QJsonObject> sent;
+        const auto collect = [&] {
+            sent.clear();
+            for (const QByteArray& line : published.lines())
+                if (line.startsWith("test/"))
+                    sent << QJsonDocument::fromJson(line.mid(line.indexOf(' ') + 1)).object();
+            return sent.size();
+        };
+        QTRY_COMPARE_WITH_TIMEOUT(collect(), 20, kWaitMs);
+        Raw raw(db);
+        QCOMPARE(raw.seqs(), range(1, 20));
+        QCOMPARE(raw.value("SELECT COUNT(*) FROM messages WHERE station = 'hill-3' AND boot = '" +
+                           sent[0]["boot"].toString() + "'"),
+                 20);
+        QCOMPARE(raw.value("SELECT COUNT(*) FROM receivers WHERE model = '" + model + "'"), 1);
+        QString error;
+        const auto kept = MessageStore::open(db, &error);
+        QVERIFY2(kept, qPrintable(error));
+        const auto rows = kept->query({});
+        QCOMPARE(rows.size(), size_t(20));
+        for (const auto& row : rows) {
+            const QJsonObject back = OrviaGonioManager::Utils::rxJson(row);
+            // Every field as published, but those of the transport.
+            const bool found = std::any_of(sent.begin(), sent.end(), [&](QJsonObject s) {
+                for (const char* key : {"seq", "station", "boot"})
+                    s.remove(key);
+                for (auto it = s.begin(); it != s.end(); ++it)
+                    if (back[it.key()] != it.value())
+                        return false;
+                return true;
+            });
+            QVERIFY2(found, QJsonDocument(back).toJson());
         }
     }
 
