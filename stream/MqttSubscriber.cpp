@@ -82,6 +82,26 @@ QString connackReason(int code)
     }
 }
 
+// In the words OpenSSL uses, as the station says them.
+QString certificateFault(const QSslError& e, const QString& host)
+{
+    switch (e.error()) {
+    case QSslError::HostNameMismatch:
+        return QStringLiteral("host name mismatch: the broker's certificate is not for %1").arg(host);
+    case QSslError::UnableToGetLocalIssuerCertificate:
+    case QSslError::UnableToGetIssuerCertificate:
+        return QStringLiteral("TLS certificate not trusted: unable to get local issuer certificate");
+    case QSslError::SelfSignedCertificate:
+        return QStringLiteral("TLS certificate not trusted: self-signed certificate");
+    case QSslError::SelfSignedCertificateInChain:
+        return QStringLiteral("TLS certificate not trusted: self-signed certificate in certificate chain");
+    case QSslError::CertificateExpired:
+        return QStringLiteral("TLS certificate not trusted: certificate has expired");
+    default:
+        return QStringLiteral("TLS certificate not trusted: %1").arg(e.errorString());
+    }
+}
+
 } // namespace
 
 MqttSubscriber::MqttSubscriber(const Options& options, QObject* parent) : QObject(parent), options_(options)
@@ -158,13 +178,8 @@ void MqttSubscriber::connectNow()
                 ssl->ignoreSslErrors();
                 return;
             }
-            const QSslError& e = errors.first();
             tlsFinal_ = true;
-            if (e.error() == QSslError::HostNameMismatch)
-                tlsFault_ = QStringLiteral("host name mismatch: the broker's certificate is not for %1")
-                                .arg(options_.url.host);
-            else
-                tlsFault_ = QStringLiteral("TLS certificate not trusted: %1").arg(e.errorString());
+            tlsFault_ = certificateFault(errors.first(), options_.url.host);
         });
         connect(ssl, &QSslSocket::encrypted, this, &MqttSubscriber::onConnected);
         socket_ = ssl;
@@ -184,8 +199,20 @@ void MqttSubscriber::connectNow()
             return lose(
                 QStringLiteral("host not found: %1 (%2)").arg(options_.url.host, socket_->errorString()));
         case QAbstractSocket::RemoteHostClosedError:
-            return lose(answered_ ? QStringLiteral("connection lost (closed by the broker)")
-                                  : QStringLiteral("the broker closed the connection before answering"));
+            if (answered_)
+                return lose(QStringLiteral("connection lost (closed by the broker)"));
+            if (auto* ssl = qobject_cast<QSslSocket*>(socket_); ssl && !ssl->isEncrypted())
+                return lose(
+                    QStringLiteral("protocol mismatch: the port does not speak TLS (the broker closed "
+                                   "the connection); is it an mqtt:// one?"));
+            return lose(options_.url.tls
+                            ? QStringLiteral("the broker closed the connection before answering")
+                            : QStringLiteral("the broker closed the connection before answering; "
+                                             "if the port speaks TLS, use an mqtts:// URL"));
+        case QAbstractSocket::SslHandshakeFailedError:
+            return lose(
+                QStringLiteral("protocol mismatch: the port does not speak TLS (%1); is it an mqtt:// one?")
+                    .arg(socket_->errorString()));
         default:
             return lose(answered_ ? QStringLiteral("connection lost (%1)").arg(socket_->errorString())
                                   : QStringLiteral("cannot connect: %1").arg(socket_->errorString()));
