@@ -17,6 +17,7 @@ install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.svg DESTINATION share/icons/hicolo
 install(FILES ${OGM_PACKAGING}/org.orvia.gonio_manager.metainfo.xml DESTINATION share/metainfo)
 install(FILES ${OGM_PACKAGING}/70-orvia-gonio-manager.rules DESTINATION lib/udev/rules.d)
 install(FILES ${OGM_PACKAGING}/copyright ${CMAKE_SOURCE_DIR}/docs/gnxctl.md ${CMAKE_SOURCE_DIR}/docs/mqtt.md
+    ${CMAKE_SOURCE_DIR}/docs/archive.md
     ${CMAKE_SOURCE_DIR}/docs/bearings.md ${CMAKE_SOURCE_DIR}/docs/screenshot-bearings.png
     DESTINATION share/doc/${OGM_PACKAGE})
 
