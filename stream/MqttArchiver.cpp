@@ -107,7 +107,8 @@ void MqttArchiver::stop(const QString& failure)
         return;
     if (!failed_)
         commit();
-    publishStatus(failure.isEmpty() ? QStringLiteral("offline") : QStringLiteral("failed"), failure);
+    const QString reason = failure.isEmpty() ? storeError_ : failure;
+    publishStatus(reason.isEmpty() ? QStringLiteral("offline") : QStringLiteral("failed"), reason);
     subscriber_->stop();
 }
 
@@ -263,6 +264,7 @@ bool MqttArchiver::commit()
     if (!error.isEmpty()) {
         // Nothing of this batch is acknowledged: the broker keeps it for the next run.
         failed_ = true;
+        storeError_ = error;
         pending_.clear();
         emit sigStoreFailed(error);
         return false;

@@ -96,7 +96,8 @@ private:
     };
     QHash<QString, Last> last_; // a receiver's newest boot and seq seen
     QString lastGap_;
-    QString fault_;
+    QString fault_;      // the broker's, while not connected
+    QString storeError_; // the commit that failed
 };
 
 } // namespace OrviaGonioManager::Stream

@@ -374,6 +374,37 @@ private slots:
         QCOMPARE(lock.seqs(), range(1, 10));
     }
 
+    // A commit the database refuses ends the archiver with 5 and the retained status "failed";
+    // the messages were not acknowledged and come to the next run.
+    void commitRefused()
+    {
+        const QString db = sqlite("refused-commit");
+        {
+            QString error;
+            QVERIFY(MessageStore::open(db, &error));
+        }
+        startArchive(db, "arch-locked");
+        QVERIFY(said("connected to the MQTT broker"));
+        Raw lock(db);
+        lock.exec("BEGIN EXCLUSIVE");
+        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(1, 3)));
+        QCOMPARE(finish(), 5);
+        QVERIFY2(err_.contains("database is locked") && err_.endsWith("; the messages wait in the broker\n"),
+                 err_);
+        lock.exec("ROLLBACK");
+        QProcess status;
+        status.start("mosquitto_sub", {"-p", QString::number(broker_->port()), "-t",
+                                       "test/archiver/arch-locked/status", "-C", "1", "-W", "10"});
+        QVERIFY(status.waitForFinished(kWaitMs));
+        const QJsonObject o = QJsonDocument::fromJson(status.readAllStandardOutput()).object();
+        QCOMPARE(o["state"].toString(), "failed");
+        QVERIFY2(o["reason"].toString().contains("database is locked"), qPrintable(o["reason"].toString()));
+
+        startArchive(db, "arch-locked", {"--count", "3"});
+        QCOMPARE(finish(), 0);
+        QCOMPARE(lock.seqs(), range(1, 3));
+    }
+
     // A broker restart, an archiver killed while a station publishes, and restarted: every seq
     // once, no gap reported, and its own status "offline" at the end.
     void restarts()
