@@ -100,7 +100,7 @@ void Gnxctl::addArchiveCommand()
         ->type_name("ID");
     c.add_flag("--retry-forever", "Keep trying a broker that refuses the archiver for good; without it the "
                                   "archiver ends with 4 after three such refusals.");
-    c.add_option("--count", "End after N messages are kept.")->type_name("N");
+    c.add_option("--count", "End after N messages: kept, already kept or rejected.")->type_name("N");
     c.add_option("--batch", "Messages a commit at most (default 500).")->type_name("N");
 }
 
