@@ -258,12 +258,17 @@ private slots:
         QCOMPARE(finish(), 0);
         QVERIFY2(err_.contains("rejected the message on test/0099-429/rx: field \"direction\""), err_);
         QVERIFY2(!err_.contains("gap"), err_);
+        // All were acknowledged, the rejected one too: the next run gets only what is new.
+        QVERIFY(publish(broker_->port(), rx, rxLines(21, 21)));
+        startArchive(db, id, {"--count", "1"});
+        QCOMPARE(finish(), 0);
+        QVERIFY2(err_.contains("stopped; 1 messages stored, 0 already kept, 0 rejected"), err_);
 
         Raw raw(db);
-        QCOMPARE(raw.seqs(), range(1, 20));
+        QCOMPARE(raw.seqs(), range(1, 21));
         QCOMPARE(
             raw.value("SELECT COUNT(*) FROM messages WHERE station = 'hill-3' AND boot = '" + kBoot + "'"),
-            20);
+            21);
         QSqlQuery r = raw.exec("SELECT model, application_version, fpga_version, bootloader_version "
                                "FROM receivers WHERE serial_number = '0099-429'");
         QVERIFY(r.next());
@@ -274,7 +279,7 @@ private slots:
         const auto kept = MessageStore::open(db, &error);
         QVERIFY2(kept, qPrintable(error));
         const auto rows = kept->query({});
-        QCOMPARE(rows.size(), size_t(20));
+        QCOMPARE(rows.size(), size_t(21));
         for (const auto& row : rows) {
             const QJsonObject back = OrviaGonioManager::Utils::rxJson(row);
             const QJsonObject sent = rxObject(back["secondsOfDay"].toInteger());
