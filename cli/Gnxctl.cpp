@@ -35,7 +35,8 @@ const char* const kExitCodes =
     "     line of a script or an import did not take\n"
     "  2  usage, or a bad input file (the line and field are named)\n"
     "  3  no receiver, several receivers, or the port cannot be opened\n"
-    "  4  the MQTT broker refused the station, or the spool cannot be written\n"
+    "  4  the MQTT broker refused the station or the archiver, or the spool\n"
+    "     cannot be written\n"
     "  5  the message store cannot be opened or written, or it failed its check\n";
 
 // The groups of commands, as the help lists them.
@@ -132,6 +133,7 @@ void Gnxctl::addCommands()
     addBearingsCommands();
     addStoreCommands();
     addHistoryCommands();
+    addArchiveCommand();
 }
 
 CLI::App& Gnxctl::command(const QString& words, const QString& description, const Run& run)

@@ -32,6 +32,8 @@ public:
     int run(const QStringList& arguments);
     // Where gnxctl keeps what it makes for the user: $XDG_STATE_HOME/gnxctl.
     static QString stateDirectory();
+    // The broker's user and password: from --mqtt-auth FILE, else the environment.
+    static void mqttCredentials(const CliArgs& args, QString* user, QString* password);
 
 private:
     void addCommands();
@@ -41,6 +43,7 @@ private:
     void addBearingsCommands();
     void addStoreCommands();
     void addHistoryCommands();
+    void addArchiveCommand();
     // A command under its words ("flash read"), made with its groups; run once parsed.
     CLI::App& command(const QString& words, const QString& description, const Run& run);
     // A parse failure in words a person understands, with a suggestion for a mistyped command.
@@ -90,6 +93,8 @@ private:
     void storeCheck(const CliArgs& args);
     // The kept messages, chosen as the History window chooses them.
     void history(const CliArgs& args);
+    // Keeps what the stations publish in a store, until stopped.
+    void archive(const CliArgs& args);
     // The store at url, or CliError EXIT_STORE saying why.
     static std::unique_ptr<Store::MessageStore>
     openStore(const QString& url,

@@ -28,24 +28,9 @@ namespace {
 
 constexpr int kReceiverRetryMs = 2000;
 
-// From --mqtt-auth (the user, then the password, one a line) or the environment; never from the
-// command line, where every user of the machine could read them.
 void readCredentials(const CliArgs& p, Stream::MqttClient::Options& o)
 {
-    const QString path = p.value(QStringLiteral("mqtt-auth"));
-    if (path.isEmpty()) {
-        o.user = qEnvironmentVariable("GNXCTL_MQTT_USER");
-        o.password = qEnvironmentVariable("GNXCTL_MQTT_PASSWORD");
-        return;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        throw CliError{EXIT_USAGE, QStringLiteral("cannot read the credentials file %1").arg(path)};
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    o.user = lines.value(0).trimmed();
-    o.password = lines.value(1);
-    if (o.user.isEmpty())
-        throw CliError{EXIT_USAGE, QStringLiteral("%1, line 1: no user name").arg(path)};
+    Gnxctl::mqttCredentials(p, &o.user, &o.password);
 }
 
 MqttStation::Options stationOptions(const CliArgs& p)
@@ -91,6 +76,26 @@ QString Gnxctl::stateDirectory()
     if (state.isEmpty())
         state = QDir::homePath() + QStringLiteral("/.local/state");
     return state + QStringLiteral("/gnxctl");
+}
+
+// From --mqtt-auth (the user, then the password, one a line) or the environment; never from the
+// command line, where every user of the machine could read them.
+void Gnxctl::mqttCredentials(const CliArgs& p, QString* user, QString* password)
+{
+    const QString path = p.value(QStringLiteral("mqtt-auth"));
+    if (path.isEmpty()) {
+        *user = qEnvironmentVariable("GNXCTL_MQTT_USER");
+        *password = qEnvironmentVariable("GNXCTL_MQTT_PASSWORD");
+        return;
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        throw CliError{EXIT_USAGE, QStringLiteral("cannot read the credentials file %1").arg(path)};
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    *user = lines.value(0).trimmed();
+    *password = lines.value(1);
+    if (user->isEmpty())
+        throw CliError{EXIT_USAGE, QStringLiteral("%1, line 1: no user name").arg(path)};
 }
 
 void Gnxctl::addStationOptions(CLI::App& c)

@@ -8,7 +8,8 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 install(TARGETS OrviaGonioManager RUNTIME DESTINATION lib/${OGM_PACKAGE})
 install(TARGETS gnxsim gnxctl RUNTIME DESTINATION bin)
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-monitor@.service DESTINATION lib/systemd/system)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-monitor@.service
+    ${CMAKE_SOURCE_DIR}/packaging/systemd/gnxctl-archive.service DESTINATION lib/systemd/system)
 install(PROGRAMS ${OGM_PACKAGING}/${OGM_PACKAGE} DESTINATION bin)
 install(FILES ${CMAKE_SOURCE_DIR}/Data/format.vtl DESTINATION share/${OGM_PACKAGE})
 install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.desktop DESTINATION share/applications)
@@ -16,6 +17,7 @@ install(FILES ${OGM_PACKAGING}/${OGM_PACKAGE}.svg DESTINATION share/icons/hicolo
 install(FILES ${OGM_PACKAGING}/org.orvia.gonio_manager.metainfo.xml DESTINATION share/metainfo)
 install(FILES ${OGM_PACKAGING}/70-orvia-gonio-manager.rules DESTINATION lib/udev/rules.d)
 install(FILES ${OGM_PACKAGING}/copyright ${CMAKE_SOURCE_DIR}/docs/gnxctl.md ${CMAKE_SOURCE_DIR}/docs/mqtt.md
+    ${CMAKE_SOURCE_DIR}/docs/archive.md
     ${CMAKE_SOURCE_DIR}/docs/bearings.md ${CMAKE_SOURCE_DIR}/docs/screenshot-bearings.png
     DESTINATION share/doc/${OGM_PACKAGE})
 

@@ -10,7 +10,7 @@ packages=(
     clang libclang-rt-14-dev
     xvfb xauth xdotool imagemagick
     dpkg-dev fakeroot lintian desktop-file-utils appstream
-    libmosquitto-dev libpaho-mqtt-dev mosquitto mosquitto-clients libssl-dev openssl
+    libmosquitto-dev mosquitto mosquitto-clients libssl-dev openssl
     libgeographiclib-dev gdal-bin
     libqt6sql6-sqlite libsqlite3-dev libqt6sql6-psql postgresql python3 marble-qt-data
     libcli11-dev libsystemd-dev systemd

@@ -41,7 +41,8 @@ public:
                  QStringLiteral("-w"), QStringLiteral("stop")});
     }
 
-    bool start(QString* error)
+    // moreOptions: server settings after the test's own, e.g. "-c fsync=on" for a benchmark.
+    bool start(QString* error, const QString& moreOptions = {})
     {
         if (!dir_.isValid()) {
             *error = QStringLiteral("no temporary directory");
@@ -71,8 +72,9 @@ public:
                   QStringLiteral("--no-sync")},
                  error))
             return false;
-        const QString options =
-            QStringLiteral("-c listen_addresses=127.0.0.1 -p %1 -k %2 -c fsync=off").arg(port_).arg(data_);
+        const QString options = QStringLiteral("-c listen_addresses=127.0.0.1 -p %1 -k %2 -c fsync=off %3")
+                                    .arg(port_)
+                                    .arg(data_, moreOptions);
         started_ = run(QStringLiteral("pg_ctl"),
                        {QStringLiteral("-D"), data_, QStringLiteral("-l"), log, QStringLiteral("-o"), options,
                         QStringLiteral("-w"), QStringLiteral("start")},

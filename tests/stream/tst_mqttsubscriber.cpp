@@ -1,0 +1,194 @@
+// MqttSubscriber against a real mosquitto: a message is acknowledged only when told, so one left
+// unacknowledged comes back in the next session; faults named as the station names them.
+#include "common/Broker.h"
+#include "common/FreePort.h"
+#include "stream/MqttSubscriber.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+
+using OrviaGonioManager::Stream::MqttSubscriber;
+using OrviaGonioManager::Stream::MqttUrl;
+using TestSupport::Broker;
+
+namespace {
+
+constexpr int kWaitMs = 20000;
+const QString kUser = "archiver";
+const QString kSecret = "Right-Secret-91";
+
+bool publish(int port, const QByteArray& topic, const QByteArray& payload)
+{
+    QProcess p;
+    p.start("mosquitto_pub",
+            {"-p", QString::number(port), "-u", kUser, "-P", kSecret, "-q", "1", "-t", topic, "-m", payload});
+    return p.waitForFinished(kWaitMs) && p.exitCode() == 0;
+}
+
+} // namespace
+
+class TestMqttSubscriber : public QObject
+{
+    Q_OBJECT
+
+private:
+    TestSupport::Certificates certs_;
+
+    MqttSubscriber::Options options(const QString& url, const QString& password = kSecret,
+                                    const QString& ca = {}) const
+    {
+        MqttSubscriber::Options o;
+        o.url = MqttUrl::parse(url);
+        o.clientId = "tst-mqttsubscriber";
+        o.user = kUser;
+        o.password = password;
+        o.insecure = ca == "insecure";
+        o.caFile = ca.isEmpty() || o.insecure ? QString() : certs_.file(ca);
+        o.topics = {"t/+/rx"};
+        return o;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(certs_.makeCa("ca") && certs_.makeCa("other-ca") &&
+                certs_.makeServer("server", "ca", "IP:127.0.0.1"));
+    }
+
+    // Three messages, the second one not acknowledged: in the next connection of the session only
+    // that one comes again.
+    void acknowledgesWhenTold()
+    {
+        Broker broker(kUser, kSecret);
+        QVERIFY(broker.start());
+        QList<QByteArray> got;
+        QList<QPair<quint16, quint64>> ids;
+        {
+            MqttSubscriber first(options(broker.url()));
+            QSignalSpy connected(&first, &MqttSubscriber::sigConnected);
+            connect(&first, &MqttSubscriber::sigMessage, this,
+                    [&](const QByteArray&, const QByteArray& payload, quint16 id, quint64 connection) {
+                        got << payload;
+                        ids << qMakePair(id, connection);
+                    });
+            first.start();
+            QVERIFY(connected.wait(kWaitMs));
+            QCOMPARE(connected.at(0).at(0).toBool(), false); // a new session
+            for (const QByteArray m : {"one", "two", "three"})
+                QVERIFY(publish(broker.port(), "t/0099-429/rx", m));
+            QTRY_COMPARE_WITH_TIMEOUT(got.size(), 3, kWaitMs);
+            first.acknowledge(ids[0].first, ids[0].second);
+            first.acknowledge(ids[2].first, ids[2].second);
+            first.flush();
+            QVERIFY(publish(broker.port(), "t/0099-429/status", "ignored")); // not subscribed
+        } // DISCONNECT after the acknowledgements
+        got.clear();
+        MqttSubscriber second(options(broker.url()));
+        QSignalSpy connected(&second, &MqttSubscriber::sigConnected);
+        connect(&second, &MqttSubscriber::sigMessage, this,
+                [&](const QByteArray&, const QByteArray& payload) { got << payload; });
+        second.start();
+        QVERIFY(connected.wait(kWaitMs));
+        QCOMPARE(connected.at(0).at(0).toBool(), true); // the session was kept
+        // A new message comes after what the session kept: "two" and nothing else.
+        QVERIFY(publish(broker.port(), "t/0099-429/rx", "four"));
+        QTRY_COMPARE_WITH_TIMEOUT(got, (QList<QByteArray>{"two", "four"}), kWaitMs);
+    }
+
+    // An acknowledgement of an older connection is not sent on the new one (its packet id would
+    // name another message there).
+    void oldAcknowledgementDropped()
+    {
+        Broker broker(kUser, kSecret);
+        QVERIFY(broker.start());
+        MqttSubscriber s(options(broker.url()));
+        QSignalSpy connected(&s, &MqttSubscriber::sigConnected);
+        QSignalSpy messages(&s, &MqttSubscriber::sigMessage);
+        s.start();
+        QVERIFY(connected.wait(kWaitMs));
+        QVERIFY(publish(broker.port(), "t/0099-429/rx", "one"));
+        QVERIFY(messages.wait(kWaitMs));
+        const auto id = messages.at(0).at(2).value<quint16>();
+        const auto connection = messages.at(0).at(3).value<quint64>();
+        broker.stop();
+        QVERIFY(broker.start());
+        QVERIFY(connected.wait(kWaitMs));
+        QTRY_COMPARE_WITH_TIMEOUT(messages.size(), 2, kWaitMs); // "one" again, in the new connection
+        QCOMPARE(messages.at(1).at(1).toByteArray(), QByteArray("one"));
+        QVERIFY(messages.at(1).at(3).value<quint64>() != connection);
+        s.acknowledge(id, connection); // of the old connection: nothing goes
+        s.flush();
+        s.stop();
+        MqttSubscriber again(options(broker.url()));
+        QSignalSpy more(&again, &MqttSubscriber::sigMessage);
+        again.start();
+        QVERIFY(more.wait(kWaitMs));
+        QCOMPARE(more.at(0).at(1).toByteArray(), QByteArray("one"));
+    }
+
+    void faults_data()
+    {
+        QTest::addColumn<QString>("url"); // {plain} and {tls} are the broker's ports
+        QTest::addColumn<bool>("final");
+        QTest::addColumn<QString>("ca"); // a CA, or "insecure"
+        QTest::addColumn<QString>("password");
+        QTest::addColumn<QString>("reason"); // none: connects
+        const QString tls = "mqtts://127.0.0.1:{tls}/t", no;
+        const QString untrusted = "TLS certificate not trusted: unable to get local issuer certificate";
+        QTest::newRow("TLS, its CA") << tls << false << "ca" << kSecret << no;
+        QTest::newRow("TLS, insecure") << tls << false << "insecure" << kSecret << no;
+        QTest::newRow("broker down") << QString("mqtt://127.0.0.1:%1/t").arg(TestSupport::freePort()) << false
+                                     << no << kSecret << "connection refused";
+        QTest::newRow("host not found")
+            << "mqtt://broker.invalid/t" << false << no << kSecret << "host not found: broker.invalid";
+        QTest::newRow("no CA") << tls << true << no << kSecret << untrusted;
+        QTest::newRow("wrong CA") << tls << true << "other-ca" << kSecret << untrusted;
+        QTest::newRow("name mismatch") << "mqtts://localhost:{tls}/t" << true << "ca" << kSecret
+                                       << "host name mismatch: the broker's certificate is not for localhost";
+        QTest::newRow("plain to TLS port") << "mqtt://127.0.0.1:{tls}/t" << false << no << kSecret
+                                           << "the broker closed the connection before answering; if the "
+                                              "port speaks TLS, use an mqtts:// URL";
+        QTest::newRow("TLS to plain port") << "mqtts://127.0.0.1:{plain}/t" << false << "ca" << kSecret
+                                           << "protocol mismatch: the port does not speak TLS";
+        QTest::newRow("bad password") << "mqtt://127.0.0.1:{plain}/t" << true << no << "wrong"
+                                      << "not authorised";
+    }
+
+    // A fault is said once, without the secret; three final ones in a row and it gives up.
+    void faults()
+    {
+        QFETCH(QString, url);
+        QFETCH(bool, final);
+        QFETCH(QString, ca);
+        QFETCH(QString, password);
+        QFETCH(QString, reason);
+        Broker broker(kUser, kSecret);
+        const int tlsPort = broker.addTlsListener(certs_.file("server"), certs_.key("server"));
+        QVERIFY(broker.start());
+        url.replace("{plain}", QString::number(broker.port())).replace("{tls}", QString::number(tlsPort));
+        MqttSubscriber s(options(url, password, ca));
+        QSignalSpy faults(&s, &MqttSubscriber::sigFault);
+        QSignalSpy refused(&s, &MqttSubscriber::sigRefused);
+        QSignalSpy connected(&s, &MqttSubscriber::sigConnected);
+        s.start();
+        if (reason.isEmpty()) {
+            QVERIFY(connected.wait(kWaitMs));
+            return;
+        }
+        QVERIFY(faults.wait(kWaitMs));
+        const QString said = faults.at(0).at(0).toString();
+        QVERIFY2(said.startsWith(reason) && !said.contains(password) && !said.contains(kUser),
+                 qPrintable(said));
+        QCOMPARE(faults.at(0).at(1).toBool(), final);
+        if (final) {
+            QVERIFY(!refused.isEmpty() || refused.wait(kWaitMs));
+            QCOMPARE(faults.size(), 1);
+            QCOMPARE(refused.at(0).at(0).toString(), said);
+        }
+        QCOMPARE(connected.size(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestMqttSubscriber)
+#include "tst_mqttsubscriber.moc"
