@@ -31,11 +31,14 @@ struct StoreWriter::Shared
     std::atomic<qint64> settled{0};
     std::atomic<qint64> dropped{0};
 
+    // Runs f in the owner's thread, unless the owner has gone by then: so that a signal sent
+    // before its receiver could connect, right after the owner was made, is not lost.
     template <typename F> void toOwner(F f)
     {
         QMutexLocker lock(&mutex);
         if (owner)
-            f(*owner);
+            QMetaObject::invokeMethod(
+                owner, [o = owner, f] { f(*o); }, Qt::QueuedConnection);
     }
 };
 
@@ -60,7 +63,7 @@ struct StoreWriter::Worker
         if (text == failure)
             return;
         failure = text;
-        shared->toOwner([&](StoreWriter& w) { emit w.failed(text); });
+        shared->toOwner([text](StoreWriter& w) { emit w.failed(text); });
     }
 
     bool open()
@@ -130,7 +133,7 @@ struct StoreWriter::Worker
             const int added = store ? store->addBatch(serial, rows, &error) : -1;
             if (added >= 0) {
                 failure.clear();
-                shared->toOwner([&](StoreWriter& w) { emit w.stored(added, count - added); });
+                shared->toOwner([added, count](StoreWriter& w) { emit w.stored(added, count - added); });
             } else {
                 if (store) {
                     fail(error);

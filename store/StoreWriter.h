@@ -63,6 +63,7 @@ public:
     qint64 droppedRows() const;
 
 signals:
+    // Sent in this object's thread, never before the event loop has run after its making.
     // One per commit of one receiver's rows: how many were new, how many the store already had.
     void stored(int added, int duplicates);
     // What failed, naming the store: once per run of failures.

@@ -25,6 +25,9 @@ class MainWindow;
 namespace OrviaGonioManager::Com {
 class ComManager;
 }
+namespace OrviaGonioManager::Store {
+class StoreWriter;
+}
 namespace OrviaGonioManager::Utils {
 class FlashMemory;
 class JobProgress;
@@ -58,6 +61,9 @@ public:
     // The Bearings window, made the first time it is asked for.
     class BearingsWindow* bearingsWindow();
     QAction* bearingsAction() const { return bearingsAction_; }
+    // "Keep messages" and the writer it runs while on (null while off).
+    QAction* keepAction() const { return keepAction_; }
+    Store::StoreWriter* storeWriter() const { return storeWriter_; }
     // The Terminal tab's log view menu and command history.
     class TerminalLog* terminalLog() const { return terminalLog_; }
     class CommandHistory* commandHistory() const { return commandHistory_; }
@@ -145,6 +151,14 @@ private:
     // The Bearings window's action (MainWindowBearings.cpp).
     void setUpBearings(QToolBar* toolBar);
     void updateBearingsApply();
+    // Keeping the messages in the message store (MainWindowKeep.cpp).
+    void setUpKeepMessages(QToolBar* toolBar);
+    static QString storeUrl();
+    void setKeeping(bool on);
+    void keepRows(std::vector<Utils::RxTableModel::Row> rows);
+    QString keptSerial() const;
+    void keepReceiverKnown();
+    void finishKeeping();
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);
@@ -206,6 +220,9 @@ private:
     class JobPanel* jobPanel_ = nullptr;
     QAction* bearingsAction_ = nullptr;
     class BearingsWindow* bearingsWindow_ = nullptr;
+    QAction* keepAction_ = nullptr;
+    Store::StoreWriter* storeWriter_ = nullptr;
+    std::vector<Utils::RxTableModel::Row> keepHeld_; // until the receiver's serial number is known
     class TerminalLog* terminalLog_ = nullptr;
     class CommandHistory* commandHistory_ = nullptr;
     QLabel* noReceiverLabel_ = nullptr;
