@@ -159,6 +159,7 @@ private:
     QString keptSerial() const;
     void keepReceiverKnown();
     void finishKeeping();
+    void clearNotKept();
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);

@@ -25,6 +25,7 @@ namespace {
 
 const QString kKeepKey = QStringLiteral("store/keep");
 const QString kStoreUrlKey = QStringLiteral("store/url");
+const QString kNotKept = QStringLiteral("Messages are not kept: ");
 // Rows of a receiver not identified yet wait at most this many; more are not kept.
 constexpr size_t kMaxHeldRows = 100000;
 
@@ -59,6 +60,7 @@ void MainWindow::setKeeping(bool on)
         old->finishLater();
     }
     keepHeld_.clear();
+    clearNotKept();
     if (!on) {
         keepAction_->setToolTip(QStringLiteral("Keep every message received, live or from flash memory, "
                                                "in the message store"));
@@ -68,11 +70,19 @@ void MainWindow::setKeeping(bool on)
     keepAction_->setToolTip(QStringLiteral("Every message received, live or from flash memory, is kept in %1")
                                 .arg(storeWriter_->shownUrl()));
     connect(storeWriter_, &StoreWriter::failed, this, [this](const QString& why) {
-        const QString line = QStringLiteral("Messages are not kept: %1").arg(why);
+        const QString line = kNotKept + why;
         qWarning().noquote() << line;
         ui_->statusBar->showMessage(line);
     });
+    // A commit that works again ends what the status bar said.
+    connect(storeWriter_, &StoreWriter::stored, this, [this] { clearNotKept(); });
     keepReceiverKnown();
+}
+
+void MainWindow::clearNotKept()
+{
+    if (ui_->statusBar->currentMessage().startsWith(kNotKept))
+        ui_->statusBar->clearMessage();
 }
 
 // Live and flash rows alike, once the receiver that heard them is known.
@@ -123,10 +133,10 @@ void MainWindow::finishKeeping()
     for (StoreWriter* writer : findChildren<StoreWriter*>(Qt::FindDirectChildrenOnly)) {
         disconnect(writer, nullptr, this, nullptr);
         if (!writer->finish(StoreWriter::kFinishMs))
-            qWarning().noquote() << QStringLiteral("Messages are not kept: %1: %2 messages were still being "
-                                                   "written when the window closed")
-                                        .arg(writer->shownUrl())
-                                        .arg(writer->handedRows() - writer->settledRows());
+            qWarning().noquote() << kNotKept + QStringLiteral("%1: %2 messages were still being written "
+                                                              "when the window closed")
+                                                   .arg(writer->shownUrl())
+                                                   .arg(writer->handedRows() - writer->settledRows());
         delete writer;
     }
 }

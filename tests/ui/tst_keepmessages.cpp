@@ -283,6 +283,7 @@ private slots:
         emitLive(1);
         QVERIFY(commits.wait(10000));
         QCOMPARE(int(stored(good).size()), 1);
+        QCOMPARE(ui()->statusBar->currentMessage(), QString());
     }
 };
 
