@@ -16,6 +16,10 @@ inline std::unique_ptr<QTemporaryDir> enterBenchSandbox()
     auto dir = std::make_unique<QTemporaryDir>();
     QDir(dir->path()).mkdir(QStringLiteral("run"));
     QDir::setCurrent(dir->filePath(QStringLiteral("run")));
+    // The user's own preferences and kept messages stay as they are: a window here keeps its
+    // messages in the sandbox.
+    qputenv("XDG_CONFIG_HOME", dir->filePath(QStringLiteral("config")).toLocal8Bit());
+    qputenv("XDG_DATA_HOME", dir->filePath(QStringLiteral("data")).toLocal8Bit());
     auto& settings = OrviaGonioManager::Utils::Settings::instance();
     settings.printAtCmdDebugInfo = false;
     settings.printUartDebugInfo = false;

@@ -3,6 +3,7 @@
 #include "app/Settings.h"
 #include "com/ComManager.h"
 #include "mrl/utils/Exception.h"
+#include "utils/ReceiverSerial.h"
 
 #include "BuildInfo.h"
 
@@ -276,7 +277,7 @@ QStringList Gnxctl::foundPorts()
 
 QString Gnxctl::serialOf(const Com::GnxLink::GnxDeviceInfo& d)
 {
-    return QStringLiteral("%1-%2").arg(d.serialNumberPart1, d.serialNumberPart2);
+    return Utils::receiverSerial(d);
 }
 
 void Gnxctl::connectReceiver(const CliArgs& args)

@@ -183,7 +183,7 @@ void Gnxctl::flashRead(const CliArgs& a)
     // What was read is kept, also when the read failed part-way.
     if (store) {
         QString error;
-        const int added = store->addBatch(link_->serialNumber(), batch, &error);
+        const int added = store->addBatch(serialOf(device_), batch, &error);
         if (added < 0)
             throw CliError{EXIT_STORE, error};
         if (!quiet_)
@@ -250,7 +250,7 @@ void Gnxctl::monitor(const CliArgs& a)
     std::vector<RxTableModel::Row> pending;
     const auto keep = [&] {
         QString error;
-        if (store && !pending.empty() && store->addBatch(link_->serialNumber(), pending, &error) < 0) {
+        if (store && !pending.empty() && store->addBatch(serialOf(device_), pending, &error) < 0) {
             failure = CliError{EXIT_STORE, error};
             stop();
         }

@@ -26,7 +26,7 @@ std::unique_ptr<Store::MessageStore> Gnxctl::openReceiverStore(const QString& ur
 {
     auto store = openStore(url);
     const Store::MessageStore::Receiver receiver{
-        link_->serialNumber(),
+        serialOf(device_),
         device_.version == Com::GnxLink::GNX_V1 ? QStringLiteral("GNX134") : QStringLiteral("GNX234"),
         device_.applicationVersion, device_.fpgaVersion, device_.bootloaderVersion};
     QString error;

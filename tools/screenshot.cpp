@@ -86,6 +86,7 @@ int main(int argc, char** argv)
     qputenv(
         "XDG_CONFIG_HOME",
         work.filePath(QStringLiteral("config")).toLocal8Bit()); // the user's own preferences stay as they are
+    qputenv("XDG_DATA_HOME", work.filePath(QStringLiteral("data")).toLocal8Bit()); // and the messages kept
     OrviaGonioManager::Utils::Settings::instance().keepAlivePeriodMs = 0;
     for (auto it = map.cbegin(); it != map.cend(); ++it)
         if (!it.value().isNull())

@@ -79,6 +79,7 @@ MainWindow::MainWindow(QWidget* parent)
 
 MainWindow::~MainWindow()
 {
+    finishKeeping();
     // The tables outlive this part of the window while the base class deletes them.
     disconnect(ui_->tableWidgetPlatforms->model(), nullptr, this, nullptr);
     sessionLog_.close();

@@ -25,6 +25,9 @@ class MainWindow;
 namespace OrviaGonioManager::Com {
 class ComManager;
 }
+namespace OrviaGonioManager::Store {
+class StoreWriter;
+}
 namespace OrviaGonioManager::Utils {
 class FlashMemory;
 class JobProgress;
@@ -61,6 +64,9 @@ public:
     // The History window (kept messages), made the first time it is asked for.
     class HistoryWindow* historyWindow();
     QAction* historyAction() const { return historyAction_; }
+    // "Keep messages" and the writer it runs while on (null while off).
+    QAction* keepAction() const { return keepAction_; }
+    Store::StoreWriter* storeWriter() const { return storeWriter_; }
     // The Terminal tab's log view menu and command history.
     class TerminalLog* terminalLog() const { return terminalLog_; }
     class CommandHistory* commandHistory() const { return commandHistory_; }
@@ -150,6 +156,15 @@ private:
     void updateBearingsApply();
     // The History window's action (MainWindowHistory.cpp).
     void setUpHistory(QToolBar* toolBar);
+    // Keeping the messages in the message store (MainWindowKeep.cpp).
+    void setUpKeepMessages(QToolBar* toolBar);
+    static QString storeUrl();
+    void setKeeping(bool on);
+    void keepRows(std::vector<Utils::RxTableModel::Row> rows);
+    QString keptSerial() const;
+    void keepReceiverKnown();
+    void finishKeeping();
+    void clearNotKept();
     static QString portIdentity(const QString& portName);
     void rememberLostReceiver();
     void reconnectIfLost(const QString& portName);
@@ -213,6 +228,9 @@ private:
     class BearingsWindow* bearingsWindow_ = nullptr;
     QAction* historyAction_ = nullptr;
     class HistoryWindow* historyWindow_ = nullptr;
+    QAction* keepAction_ = nullptr;
+    Store::StoreWriter* storeWriter_ = nullptr;
+    std::vector<Utils::RxTableModel::Row> keepHeld_; // until the receiver's serial number is known
     class TerminalLog* terminalLog_ = nullptr;
     class CommandHistory* commandHistory_ = nullptr;
     QLabel* noReceiverLabel_ = nullptr;

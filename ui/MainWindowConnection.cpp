@@ -230,6 +230,7 @@ void MainWindow::setUnconnectedState()
     connectedIdentity_.clear();
     connectedVersion_ = GnxLink::GNX_UNDEFINEDVERSION;
     deviceInfo_ = GnxLink::GnxDeviceInfo();
+    keepHeld_.clear(); // their receiver was never identified
     ui_->lineEditVersionsStatus->setText(QStringLiteral("Not connected"));
     ui_->tabWidget->setCurrentIndex(0);
     ui_->tabWidget->setEnabled(false);
@@ -311,6 +312,7 @@ void MainWindow::refreshStatus()
 {
     deviceInfo_ = gnxLink_->readDeviceInfo();
     connectedVersion_ = deviceInfo_.version;
+    keepReceiverKnown();
     const auto& d = deviceInfo_;
     ui_->lineEditVersionsSerialNumber->setText(
         QStringLiteral("SN/%1-%2").arg(d.serialNumberPart1, d.serialNumberPart2));

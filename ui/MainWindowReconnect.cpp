@@ -34,6 +34,7 @@ void MainWindow::setUpReconnect()
     connect(reconnectAction_, &QAction::toggled, this,
             [](bool on) { userSettings().setValue(kReconnectKey, on); });
     setUpBearings(toolBar);
+    setUpKeepMessages(toolBar);
 }
 
 // The USB serial number names a receiver wherever it is plugged in; without one, its port does.

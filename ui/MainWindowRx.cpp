@@ -155,6 +155,7 @@ void MainWindow::slotReadFlashMemory()
                 w->flashBatch_ = nullptr;
                 QTableView* view = w->ui_->tableViewRx;
                 view->setSortingEnabled(false);
+                w->keepRows(batch);
                 w->rxModel_->addRows(std::move(batch));
                 view->horizontalHeader()->setSortIndicator(RxTableModel::COL_TIME, Qt::DescendingOrder);
                 view->setSortingEnabled(true);
@@ -212,6 +213,7 @@ void MainWindow::slotOrviaMessageReceived(Com::OrviaRxMessage_t orviaRxMessage,
             ui_->tableViewRx->setSortingEnabled(false);
             std::vector<RxTableModel::Row> one;
             one.push_back(std::move(row));
+            keepRows(one);
             rxModel_->addRows(std::move(one));
         }
 

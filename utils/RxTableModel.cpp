@@ -220,7 +220,10 @@ void RxTableModel::addRows(std::vector<Row> rows)
     if (rows_.empty()) {
         rows_ = std::move(rows); // a first flash read: its batch becomes the table
     } else {
-        rows_.reserve(rows_.size() + rows.size());
+        // Grown geometrically: an exact reserve for each live row would move the whole table each time.
+        const size_t needed = rows_.size() + rows.size();
+        if (rows_.capacity() < needed)
+            rows_.reserve(std::max(needed, 2 * rows_.capacity()));
         std::move(rows.begin(), rows.end(), std::back_inserter(rows_));
     }
     for (size_t i = first; i < rows_.size(); ++i)

@@ -63,6 +63,8 @@ protected:
         const QDir dir(workDir_.path());
         // The user's own preferences (QSettings) stay in the work directory too.
         qputenv("XDG_CONFIG_HOME", workDir_.filePath("config").toLocal8Bit());
+        // So do the messages the window keeps.
+        qputenv("XDG_DATA_HOME", workDir_.filePath("data").toLocal8Bit());
         if (!dir.mkpath("run") || !dir.mkpath("Data") || writeFile("Data/format.vtl", "0\n").isEmpty() ||
             !QDir::setCurrent(workDir_.filePath("run")))
             return false;
