@@ -445,6 +445,18 @@ std::vector<RxTableModel::Row> MessageStore::query(const Query& query, QString* 
     return rows;
 }
 
+qint64 MessageStore::latestSeq(const QString& receiverSerial, QString* boot) const
+{
+    QSqlQuery q(QSqlDatabase::database(connection_, false));
+    q.prepare(QStringLiteral("SELECT m.seq, m.boot FROM messages m JOIN receivers r ON r.id = m.receiver_id "
+                             "WHERE r.serial_number = ? AND m.seq IS NOT NULL ORDER BY m.seq DESC LIMIT 1"));
+    q.addBindValue(receiverSerial);
+    if (!q.exec() || !q.next())
+        return 0;
+    *boot = q.value(1).toString();
+    return q.value(0).toLongLong();
+}
+
 QStringList MessageStore::receivers(QString* error) const
 {
     QStringList serials;

@@ -99,6 +99,9 @@ public:
 
     // Oldest first (device time, then the order they were stored in).
     std::vector<Utils::RxTableModel::Row> query(const Query& query, QString* error = nullptr) const;
+    // The highest seq kept of a receiver's messages that came through MQTT, and its boot; 0 when
+    // there is none.
+    qint64 latestSeq(const QString& receiverSerial, QString* boot) const;
     // The serial numbers of the receivers kept, in order.
     QStringList receivers(QString* error = nullptr) const;
     Check check() const;

@@ -198,6 +198,12 @@ bool MqttArchiver::read(const QByteArray& topic, const QByteArray& payload, Pend
 
 void MqttArchiver::noteSeq(const QString& serial, const QString& boot, const QString& station, qint64 seq)
 {
+    if (!last_.contains(serial)) {
+        // Where the store left off: a gap across a restart of the archiver is a gap too.
+        Last kept;
+        kept.seq = store_->latestSeq(serial, &kept.boot);
+        last_.insert(serial, kept);
+    }
     Last& last = last_[serial];
     if (last.seq > 0 && last.boot == boot && seq > last.seq + 1) {
         const qint64 missing = seq - last.seq - 1;

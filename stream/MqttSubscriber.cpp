@@ -140,7 +140,9 @@ void MqttSubscriber::stop()
     keepAlive_.stop();
     if (!socket_)
         return;
-    if (subscribed_) {
+    // Acknowledgements go out even before the subscription is answered: the broker sends what it
+    // kept for the session as soon as it accepts the connection.
+    if (answered_ && socket_->state() == QAbstractSocket::ConnectedState) {
         flush();
         write(packet(DISCONNECT << 4, {}));
         socket_->flush();

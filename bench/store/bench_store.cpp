@@ -7,6 +7,7 @@
 #include "utils/PlatformNumber.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -112,6 +113,29 @@ bool fill(const QString& url, bool sqlite, qint64 rows)
     return ok;
 }
 
+// What the store takes on disk: the SQLite file with its log, or the PostgreSQL database.
+qint64 diskBytes(const QString& url, bool sqlite)
+{
+    if (sqlite)
+        return QFileInfo(url).size() + QFileInfo(url + QStringLiteral("-wal")).size();
+    qint64 bytes = 0;
+    {
+        const QUrl u(url);
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), QStringLiteral("size"));
+        db.setHostName(u.host());
+        db.setPort(u.port());
+        db.setUserName(u.userName());
+        db.setDatabaseName(u.path().mid(1));
+        if (db.open()) {
+            QSqlQuery q(db);
+            if (q.exec(QStringLiteral("SELECT pg_database_size(current_database())")) && q.next())
+                bytes = q.value(0).toLongLong();
+        }
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("size"));
+    return bytes;
+}
+
 struct Figures
 {
     double first = 0;
@@ -183,12 +207,13 @@ void run(const char* engine, const QString& url, bool sqlite, qint64 rows)
     load.start();
     if (!fill(url, sqlite, rows))
         return;
-    std::printf("%-10s %lld messages loaded in %.0f s\n", engine, rows, msSince(load) / 1000.0);
     auto store = MessageStore::open(url, &error);
     if (!store) {
         std::fprintf(stderr, "bench_store: %s\n", qPrintable(error));
         return;
     }
+    std::printf("%-10s %lld messages loaded in %.0f s, %.0f bytes a message on disk, indexes included\n",
+                engine, rows, msSince(load) / 1000.0, double(diskBytes(url, sqlite)) / double(rows));
     // Each run another platform on another day, so that no run finds the last one's pages warm.
     print(engine, "one platform over one day", timed(25, [&](int i) {
               MessageStore::Query q;

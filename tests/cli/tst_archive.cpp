@@ -460,6 +460,13 @@ private slots:
         QVERIFY2(err_.contains("gap in the messages of receiver 0099-429 (station hill-3, boot " + kBoot +
                                "): seq 4 to 6 missing"),
                  err_);
+        // The next run carries on where the store left off: 9 never came.
+        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(10, 10)));
+        startArchive(db, "arch-gap", {"--count", "1"});
+        QCOMPARE(finish(), 0);
+        QVERIFY2(err_.contains("): seq 9 missing"), err_);
+        // What the broker sent before it answered the subscription was acknowledged all the same.
+        QVERIFY2(err_.contains("stopped; 1 messages stored, 0 already kept"), err_);
     }
 
     // What cannot be used is named, with the documented code; a message waiting for the archiver
