@@ -275,6 +275,14 @@ QStringList Gnxctl::foundPorts()
     return found + Com::ComManager::extraPortPaths();
 }
 
+QFile& Gnxctl::standardOutput()
+{
+    static QFile file;
+    if (!file.isOpen())
+        file.open(stdout, QIODevice::WriteOnly, QFileDevice::DontCloseHandle);
+    return file;
+}
+
 QString Gnxctl::serialOf(const Com::GnxLink::GnxDeviceInfo& d)
 {
     return Utils::receiverSerial(d);

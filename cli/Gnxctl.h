@@ -8,6 +8,7 @@
 #include "utils/JobProgress.h"
 #include "utils/RxTableModel.h"
 
+#include <QFile>
 #include <QHash>
 #include <QJsonObject>
 #include <QStringList>
@@ -15,7 +16,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-
 
 namespace OrviaGonioManager::Cli {
 
@@ -57,6 +57,8 @@ private:
     bool findReceiver(const QStringList& ports, const QString& serial);
     static QStringList foundPorts();
     static QString serialOf(const Com::GnxLink::GnxDeviceInfo& d);
+    // Standard output as a device, for the writers of messages.
+    static QFile& standardOutput();
     static QJsonObject identification(const Com::GnxLink::GnxDeviceInfo& d);
     static QString openFailure(const QString& port, const QString& linkMessage);
     [[noreturn]] void failDevice(const MRL::Utils::Exception& e);

@@ -44,15 +44,6 @@ QString outputFormat(const CliArgs& a)
     return format;
 }
 
-// Standard output as a device.
-QFile& standardOutput()
-{
-    static QFile file;
-    if (!file.isOpen())
-        file.open(stdout, QIODevice::WriteOnly, QFileDevice::DontCloseHandle);
-    return file;
-}
-
 } // namespace
 
 void Gnxctl::addFlashCommands()

@@ -49,15 +49,6 @@ QDateTime parseTime(const CliArgs& a, const QString& option)
     return at.toUTC();
 }
 
-// Standard output as a device.
-QFile& standardOutput()
-{
-    static QFile file;
-    if (!file.isOpen())
-        file.open(stdout, QIODevice::WriteOnly, QFileDevice::DontCloseHandle);
-    return file;
-}
-
 } // namespace
 
 void Gnxctl::addHistoryCommands()

@@ -1,9 +1,9 @@
 #include "stream/MqttClient.h"
 
 #include "mrl/utils/Exception.h"
+#include "stream/MqttWords.h"
 
 #include <QFileInfo>
-#include <QRandomGenerator>
 
 #include <mosquitto.h>
 #include <openssl/err.h>
@@ -25,44 +25,11 @@ namespace {
 
 constexpr int kKeepAliveSeconds = 30;
 constexpr int kFirstRetryMs = 500;
-constexpr int kMaxRetryMs = 5000; // the longest wait once the broker is back, jitter included
-constexpr int kAnswerMs = 10000;  // for the broker to answer a connection
-constexpr int kLoopMs = 100;      // how soon the network thread sees stop()
+constexpr int kAnswerMs = 10000; // for the broker to answer a connection
+constexpr int kLoopMs = 100;     // how soon the network thread sees stop()
 constexpr int kProbeMs = 2000;
 
 const char* kSystemCerts = "/etc/ssl/certs";
-
-// Spread over ±20%, never above the cap, so that a fleet does not come back in step.
-int jittered(int nominalMs)
-{
-    const int low = nominalMs * 4 / 5;
-    const int high = std::min(nominalMs * 6 / 5, kMaxRetryMs);
-    return low + int(QRandomGenerator::global()->bounded(high - low + 1));
-}
-
-QString connackReason(int code)
-{
-    switch (code) {
-    case 1:
-        return QStringLiteral("protocol version refused by the broker");
-    case 2:
-        return QStringLiteral("client id refused by the broker");
-    case 3:
-        return QStringLiteral("broker unavailable");
-    case 4:
-        return QStringLiteral("bad user name or password");
-    case 5:
-        return QStringLiteral("not authorised");
-    default:
-        return QStringLiteral("refused by the broker (code %1)").arg(code);
-    }
-}
-
-// Refusals that another try would only repeat.
-bool isFinalConnack(int code)
-{
-    return code == 1 || code == 2 || code == 4 || code == 5;
-}
 
 QString sslReason(unsigned long error)
 {
@@ -328,9 +295,9 @@ void MqttClient::run()
                 return;
             }
         }
-        if (stopping_ || !sleepFor(jittered(nominalMs)))
+        if (stopping_ || !sleepFor(MqttWords::jittered(nominalMs)))
             break;
-        nominalMs = std::min(nominalMs * 2, kMaxRetryMs);
+        nominalMs = std::min(nominalMs * 2, MqttWords::kMaxRetryMs);
     }
 }
 
@@ -368,8 +335,8 @@ bool MqttClient::connectOnce(Attempt& attempt)
         return true;
     }
     if (connack_ > 0) {
-        attempt.reason = connackReason(connack_);
-        attempt.final = isFinalConnack(connack_);
+        attempt.reason = MqttWords::connackReason(connack_);
+        attempt.final = MqttWords::isFinalConnack(connack_);
         return false;
     }
     // No CONNACK: the network, TLS, or a broker that does not speak what we do.

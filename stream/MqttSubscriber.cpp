@@ -9,8 +9,8 @@
 //   a commit of its own (a disk flush each: a few hundred a second instead of thousands).
 // So the packets are written here: PUBLISH is read, PUBACK goes when acknowledge() says so.
 #include "stream/MqttSubscriber.h"
+#include "stream/MqttWords.h"
 
-#include <QRandomGenerator>
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QtEndian>
@@ -21,7 +21,6 @@ namespace {
 
 constexpr int kKeepAliveSeconds = 30;
 constexpr int kFirstRetryMs = 500;
-constexpr int kMaxRetryMs = 5000;
 constexpr int kAnswerMs = 10000; // for the broker to answer a connection or a ping
 
 enum Packet : quint8
@@ -37,13 +36,6 @@ enum Packet : quint8
     PINGRESP = 13,
     DISCONNECT = 14,
 };
-
-int jittered(int nominalMs)
-{
-    const int low = nominalMs * 4 / 5;
-    const int high = std::min(nominalMs * 6 / 5, kMaxRetryMs);
-    return low + int(QRandomGenerator::global()->bounded(high - low + 1));
-}
 
 void addString(QByteArray& out, const QByteArray& text)
 {
@@ -62,24 +54,6 @@ QByteArray packet(quint8 header, const QByteArray& body)
         out.append(digit);
     } while (length > 0);
     return out + body;
-}
-
-QString connackReason(int code)
-{
-    switch (code) {
-    case 1:
-        return QStringLiteral("protocol version refused by the broker");
-    case 2:
-        return QStringLiteral("client id refused by the broker");
-    case 3:
-        return QStringLiteral("broker unavailable");
-    case 4:
-        return QStringLiteral("bad user name or password");
-    case 5:
-        return QStringLiteral("not authorised");
-    default:
-        return QStringLiteral("refused by the broker (code %1)").arg(code);
-    }
 }
 
 // In the words OpenSSL uses, as the station says them.
@@ -297,7 +271,7 @@ bool MqttSubscriber::handle(quint8 header, const QByteArray& body)
         const int code = body.size() >= 2 ? quint8(body[1]) : -1;
         answered_ = true;
         if (code != 0) {
-            lose(connackReason(code), code == 1 || code == 2 || code == 4 || code == 5);
+            lose(MqttWords::connackReason(code), MqttWords::isFinalConnack(code));
             return false;
         }
         refusals_ = 0;
@@ -415,8 +389,8 @@ void MqttSubscriber::lose(const QString& reason, bool final)
 
 void MqttSubscriber::retryLater()
 {
-    retry_.start(jittered(retryMs_));
-    retryMs_ = std::min(retryMs_ * 2, kMaxRetryMs);
+    retry_.start(MqttWords::jittered(retryMs_));
+    retryMs_ = std::min(retryMs_ * 2, MqttWords::kMaxRetryMs);
 }
 
 } // namespace OrviaGonioManager::Stream
