@@ -515,7 +515,7 @@ void MessageStore::findGaps(Check& c) const
     q.setForwardOnly(true);
     const QString sql = QStringLiteral(
         "SELECT r.serial_number, g.previous + 1, g.seq - 1 FROM"
-        " (SELECT receiver_id, seq, LAG(seq) OVER (PARTITION BY receiver_id ORDER BY seq) AS previous"
+        " (SELECT receiver_id, seq, LAG(seq, 1, 0) OVER (PARTITION BY receiver_id ORDER BY seq) AS previous"
         "  FROM messages WHERE seq IS NOT NULL) g"
         " JOIN receivers r ON r.id = g.receiver_id"
         " WHERE g.seq > g.previous + 1 ORDER BY r.serial_number, g.seq");

@@ -43,8 +43,9 @@ public:
         qint64 liveMessages = 0;
         qint64 flashMessages = 0;
         qint64 linkedFlashMessages = 0; // flash records whose live message is kept too
-        // Numbers missing from the seq of a receiver's messages that came through MQTT: messages the
-        // station lost, or the archiver has not received. Listed, but not a fault of the store.
+        // Numbers missing from the seq of a receiver's messages that came through MQTT, from 1 (a
+        // station counts from 1): messages the station lost, or the archiver has not received or
+        // was not yet there for. Listed, but not a fault of the store.
         qint64 missingSeqs = 0;
         QStringList gaps;     // "receiver 0099-429: seq 5 to 7 missing (3)", the first 100
         QStringList problems; // in words, empty when ok
