@@ -9,9 +9,11 @@
 #include "mrl/utils/ToplevelApplication.h"
 #include "sim/PtySimulator.h"
 #include "sim/Scenario.h"
+#include "store/StoreWriter.h"
 #include "store/TileSource.h"
 #include "ui/BearingMapWidget.h"
 #include "ui/BearingsWindow.h"
+#include "ui/HistoryWindow.h"
 #include "ui/JobPanel.h"
 #include "ui/MainWindow.h"
 #include "ui/MapSource.h"
@@ -52,7 +54,8 @@ int main(int argc, char** argv)
         options.flashRecords = 3000;
     }
     const bool bearings = args.value(3) == QLatin1String("bearings");
-    if (bearings) {
+    const bool history = args.value(3) == QLatin1String("history");
+    if (bearings || history) {
         QString error;
         options.scenario =
             gnxsim::Scenario::load(QStringLiteral(OGM_SOURCE_DIR "/sim/scenarios/gulf.json"), &error);
@@ -140,6 +143,29 @@ int main(int argc, char** argv)
         } while ((w->map()->tileSource()->pendingCount() > 0) && !tiles.hasExpired());
         QCoreApplication::processEvents();
         return w->grab().save(output) ? 0 : 1;
+    }
+    if (history) {
+        // The messages the window kept from a flash read, found again in the History window.
+        QEventLoop kept;
+        QObject::connect(window.storeWriter(), &OrviaGonioManager::Store::StoreWriter::stored, &kept,
+                         [&](int added, int) {
+                             if (added > 0)
+                                 kept.quit();
+                         });
+        QTimer::singleShot(30000, &kept, &QEventLoop::quit);
+        window.form()->tabWidget->setCurrentIndex(2);
+        window.form()->pushButtonRxFlashRead->click();
+        kept.exec();
+        OgmUi::HistoryWindow* w = window.historyWindow();
+        w->resize(1280, 640);
+        w->show();
+        QEventLoop found;
+        QObject::connect(w, &OgmUi::HistoryWindow::sigQueryDone, &found, &QEventLoop::quit);
+        QTimer::singleShot(20000, &found, &QEventLoop::quit);
+        w->search();
+        found.exec();
+        QCoreApplication::processEvents();
+        return w->model() && w->model()->rowCount() > 0 && w->grab().save(output) ? 0 : 1;
     }
     const int tab = args.value(3).toInt();
     if (tab > 0) {
