@@ -27,6 +27,9 @@ using Utils::RxTableModel;
 
 namespace {
 
+// The PostgreSQL advisory lock under which a store's schema is read and brought up to date.
+constexpr qint64 kSchemaLock = 0x4f474d53; // "OGMS"
+
 const char* const kUsage = "a file path, sqlite:PATH or postgresql://user@host:port/database";
 
 QString newConnectionName()
@@ -117,40 +120,64 @@ bool MessageStore::migrate(Access access, QString* error)
 {
     QSqlDatabase db = QSqlDatabase::database(connection_, false);
     QSqlQuery q(db);
+    const bool writing = access == Access::ReadWrite;
+    // One opener at a time reads the version and brings the schema up to date: two programs
+    // opening a new store at once would otherwise both make its tables.
+    if (writing) {
+        const bool locked =
+            engine_ == Engine::Sqlite
+                ? q.exec(QStringLiteral("BEGIN IMMEDIATE"))
+                : db.transaction() &&
+                      q.exec(QStringLiteral("SELECT pg_advisory_xact_lock(%1)").arg(kSchemaLock));
+        if (!locked) {
+            *error = QStringLiteral("%1: cannot open the store for writing: %2")
+                         .arg(shown_, StoreConnection::sqlText(q.lastError()));
+            db.rollback();
+            return false;
+        }
+    }
+    // Whatever ends this opening before its commit leaves the store as it was.
+    const auto fail = [&](const QString& text) {
+        *error = text;
+        q.finish();
+        if (writing)
+            db.rollback();
+        return false;
+    };
     int version = 0;
     const QStringList tables = db.tables();
     if (tables.contains(QLatin1String("schema_version"))) {
-        if (!q.exec(QStringLiteral("SELECT MAX(version) FROM schema_version")) || !q.next()) {
-            *error = QStringLiteral("%1: cannot read the schema version: %2")
-                         .arg(shown_, StoreConnection::sqlText(q.lastError()));
-            return false;
-        }
+        if (!q.exec(QStringLiteral("SELECT MAX(version) FROM schema_version")) || !q.next())
+            return fail(QStringLiteral("%1: cannot read the schema version: %2")
+                            .arg(shown_, StoreConnection::sqlText(q.lastError())));
         version = q.value(0).toInt();
     } else if (!tables.isEmpty()) {
         // Someone else's database: better refused than written into.
-        *error = QStringLiteral("%1: not a message store: it has tables but no schema_version").arg(shown_);
-        return false;
+        return fail(
+            QStringLiteral("%1: not a message store: it has tables but no schema_version").arg(shown_));
     }
-    if (version > StoreSchema::kLatest) {
-        *error = QStringLiteral("%1: the store has schema version %2, newer than version %3 that this "
-                                "program knows: open it with a newer Orvia Gonio Manager")
-                     .arg(shown_)
-                     .arg(version)
-                     .arg(StoreSchema::kLatest);
-        return false;
+    if (version > StoreSchema::kLatest)
+        return fail(QStringLiteral("%1: the store has schema version %2, newer than version %3 that this "
+                                   "program knows: open it with a newer Orvia Gonio Manager")
+                        .arg(shown_)
+                        .arg(version)
+                        .arg(StoreSchema::kLatest));
+    if (!writing) {
+        if (version < StoreSchema::kLatest)
+            return fail(version == 0
+                            ? QStringLiteral("%1: not a message store: it is empty").arg(shown_)
+                            : QStringLiteral("%1: the store has schema version %2, older than version "
+                                             "%3: open it once for writing to bring it up to date")
+                                  .arg(shown_)
+                                  .arg(version)
+                                  .arg(StoreSchema::kLatest));
+        return true;
     }
-    if (access == Access::ReadOnly && version < StoreSchema::kLatest) {
-        *error = version == 0 ? QStringLiteral("%1: not a message store: it is empty").arg(shown_)
-                              : QStringLiteral("%1: the store has schema version %2, older than version %3: "
-                                               "open it once for writing to bring it up to date")
-                                    .arg(shown_)
-                                    .arg(version)
-                                    .arg(StoreSchema::kLatest);
-        return false;
-    }
-    for (int next = version + 1; next <= StoreSchema::kLatest; ++next) {
-        bool ok = db.transaction();
-        QString failure = StoreConnection::sqlText(db.lastError());
+    // Every version's statements in the one transaction: a store is at one version or the next.
+    QString failure;
+    bool ok = true;
+    int next = version + 1;
+    for (; ok && next <= StoreSchema::kLatest; ++next) {
         QStringList statements = StoreSchema::migration(next, engine_);
         statements << QStringLiteral("UPDATE schema_version SET version = %1").arg(next);
         for (int i = 0; ok && i < statements.size(); ++i) {
@@ -158,14 +185,14 @@ bool MessageStore::migrate(Access access, QString* error)
             if (!ok)
                 failure = StoreConnection::sqlText(q.lastError());
         }
-        q.finish();
-        if (!finishTransaction(db, ok, failure)) {
-            *error = QStringLiteral("%1: cannot bring the schema to version %2: %3")
-                         .arg(shown_)
-                         .arg(next)
-                         .arg(failure);
-            return false;
-        }
+    }
+    q.finish();
+    if (!finishTransaction(db, ok, failure)) {
+        *error = QStringLiteral("%1: cannot bring the schema to version %2: %3")
+                     .arg(shown_)
+                     .arg(ok ? StoreSchema::kLatest : next - 1)
+                     .arg(failure);
+        return false;
     }
     return true;
 }

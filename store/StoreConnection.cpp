@@ -10,6 +10,16 @@
 
 namespace OrviaGonioManager::Store::StoreConnection {
 
+namespace {
+
+// SQLITE_BUSY or SQLITE_LOCKED: another connection holds the file.
+bool busy(const QSqlError& e)
+{
+    return e.nativeErrorCode() == QLatin1String("5") || e.nativeErrorCode() == QLatin1String("6");
+}
+
+} // namespace
+
 QString sqlText(const QSqlError& e)
 {
     const QString text = e.text().trimmed();
@@ -74,7 +84,8 @@ bool openSqlite(const QString& connection, const QString& path, bool readOnly, Q
                                          : QStringList{QStringLiteral("PRAGMA foreign_keys = ON"),
                                                        QStringLiteral("PRAGMA journal_mode = WAL")};
     for (const QString& pragma : pragmas) {
-        if (!q.exec(pragma)) {
+        // Busy switching to WAL: another program opening the file at this moment has switched it.
+        if (!q.exec(pragma) && !(pragma.contains(QLatin1String("journal_mode")) && busy(q.lastError()))) {
             *error = QStringLiteral("%1: not a message store: %2").arg(path, sqlText(q.lastError()));
             return false;
         }

@@ -5,10 +5,13 @@
 #include "utils/PlatformNumber.h"
 
 #include <QFile>
+#include <QMutex>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <thread>
 
 #include <unistd.h>
 
@@ -125,6 +128,8 @@ private slots:
     void newerSchemaRefused();
     void flashCopiesLinked_data();
     void flashCopiesLinked();
+    void openedAtOnce_data() { engines(); }
+    void openedAtOnce();
     void migrationFromVersion1_data() { engines(); }
     void migrationFromVersion1();
     void readOnlySqlite();
@@ -419,6 +424,37 @@ void TstMessageStore::flashCopiesLinked()
     }
     db = QSqlDatabase();
     QSqlDatabase::removeDatabase(QStringLiteral("link"));
+}
+
+// Programs that open one new store at the same moment: each finds it made, none fails.
+void TstMessageStore::openedAtOnce()
+{
+    for (int round = 0; round < 5; ++round) {
+        const QString url = newStore();
+        if (url.isEmpty())
+            QSKIP(qPrintable(postgresMissing_));
+        QStringList errors;
+        QMutex mutex;
+        std::vector<std::thread> openers;
+        for (int i = 0; i < 4; ++i)
+            openers.emplace_back([&] {
+                QString error;
+                auto store = MessageStore::open(url, &error);
+                if (store)
+                    store->addBatch(QStringLiteral("0099-429"), {message(QStringLiteral("2A1B3"), 1, false)},
+                                    &error);
+                QMutexLocker lock(&mutex);
+                if (!error.isEmpty())
+                    errors << error;
+            });
+        for (std::thread& t : openers)
+            t.join();
+        QVERIFY2(errors.isEmpty(), qPrintable(errors.join(QLatin1Char('\n'))));
+        QString error;
+        auto store = MessageStore::open(url, &error);
+        QVERIFY2(store, qPrintable(error));
+        QCOMPARE(store->check().messages, qint64(4));
+    }
 }
 
 void TstMessageStore::migrationFromVersion1()
