@@ -3,6 +3,7 @@
 #include "app/Settings.h"
 #include "com/ComManager.h"
 #include "mrl/utils/Exception.h"
+#include "utils/PlatformNumber.h"
 #include "utils/ReceiverSerial.h"
 
 #include "BuildInfo.h"
@@ -273,6 +274,30 @@ QStringList Gnxctl::foundPorts()
         if (p.vendorId == Com::ComManager::kGnxVendorId && p.productId == Com::ComManager::kGnxProductId)
             found << p.systemLocation;
     return found + Com::ComManager::extraPortPaths();
+}
+
+bool Gnxctl::openOutput(Utils::OutputFile& file, const QString& path)
+{
+    const bool toStdout = path.isEmpty() || path == QLatin1String("-");
+    if (!toStdout && !file.open(QIODevice::WriteOnly))
+        throw CliError{EXIT_USAGE,
+                       QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
+    return toStdout;
+}
+
+QString Gnxctl::platformOption(const CliArgs& a)
+{
+    if (!a.isSet(QStringLiteral("platform")))
+        return {};
+    const QString platform = Utils::PlatformNumber::shortest(a.value(QStringLiteral("platform")));
+    static const QRegularExpression number(QStringLiteral("^[0-9A-F]{5}([0-9A-F]{2})?$"));
+    if (!number.match(platform).hasMatch())
+        throw CliError{
+            EXIT_USAGE,
+            QStringLiteral("--platform takes a platform number (5 or 7 hexadecimal digits), not \"%1\"")
+                .arg(a.value(QStringLiteral("platform"))),
+            0, QStringLiteral("platform")};
+    return platform;
 }
 
 QFile& Gnxctl::standardOutput()

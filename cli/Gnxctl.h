@@ -6,6 +6,7 @@
 #include "mrl/utils/Exception.h"
 #include "store/MessageStore.h"
 #include "utils/JobProgress.h"
+#include "utils/OutputFile.h"
 #include "utils/RxTableModel.h"
 
 #include <QFile>
@@ -59,6 +60,12 @@ private:
     static QString serialOf(const Com::GnxLink::GnxDeviceInfo& d);
     // Standard output as a device, for the writers of messages.
     static QFile& standardOutput();
+    // Opens -o's file, opened first so that a wrong path fails before any long work; true when
+    // the output is standard output instead. CliError EXIT_USAGE when it cannot be opened.
+    static bool openOutput(Utils::OutputFile& file, const QString& path);
+    // --platform by number ("002A1B3" is "2A1B3"); empty when not given; CliError EXIT_USAGE when
+    // it is no platform number.
+    static QString platformOption(const CliArgs& args);
     static QJsonObject identification(const Com::GnxLink::GnxDeviceInfo& d);
     static QString openFailure(const QString& port, const QString& linkMessage);
     [[noreturn]] void failDevice(const MRL::Utils::Exception& e);

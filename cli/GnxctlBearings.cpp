@@ -184,14 +184,7 @@ void Gnxctl::bearings(const CliArgs& a)
     if (!ok || angleOffset < 0 || angleOffset > 65535)
         throw CliError{EXIT_USAGE, QStringLiteral("--angle-offset takes a whole number from 0 to 65535"), 0,
                        QStringLiteral("angle-offset")};
-    const QString only = Utils::PlatformNumber::shortest(a.value(QStringLiteral("platform")));
-    static const QRegularExpression number(QStringLiteral("^[0-9A-F]{5}([0-9A-F]{2})?$"));
-    if (a.isSet(QStringLiteral("platform")) && !number.match(only).hasMatch())
-        throw CliError{
-            EXIT_USAGE,
-            QStringLiteral("--platform takes a platform number (5 or 7 hexadecimal digits), not \"%1\"")
-                .arg(a.value(QStringLiteral("platform"))),
-            0, QStringLiteral("platform")};
+    const QString only = platformOption(a);
 
     const QString platformsFile = a.value(QStringLiteral("platforms"));
     loadFormats(a, !platformsFile.isEmpty());

@@ -144,11 +144,8 @@ void Gnxctl::flashRead(const CliArgs& a)
 {
     // Opened first, so that a wrong path fails before a long read.
     const QString path = a.value(QStringLiteral("output"));
-    const bool toStdout = path.isEmpty() || path == QLatin1String("-");
     Utils::OutputFile file(path);
-    if (!toStdout && !file.open(QIODevice::WriteOnly))
-        throw CliError{EXIT_USAGE,
-                       QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
+    const bool toStdout = openOutput(file, path);
     // Opened before the read too: a store that cannot be used fails at once.
     std::unique_ptr<Store::MessageStore> store;
     const QString db = a.value(QStringLiteral("db"));

@@ -93,16 +93,7 @@ void Gnxctl::history(const CliArgs& a)
                        0, QStringLiteral("format")};
     MessageStore::Query query;
     query.receiver = a.value(QStringLiteral("receiver")).trimmed();
-    if (a.isSet(QStringLiteral("platform"))) {
-        query.platform = Utils::PlatformNumber::shortest(a.value(QStringLiteral("platform")));
-        static const QRegularExpression number(QStringLiteral("^[0-9A-F]{5}([0-9A-F]{2})?$"));
-        if (!number.match(query.platform).hasMatch())
-            throw CliError{
-                EXIT_USAGE,
-                QStringLiteral("--platform takes a platform number (5 or 7 hexadecimal digits), not \"%1\"")
-                    .arg(a.value(QStringLiteral("platform"))),
-                0, QStringLiteral("platform")};
-    }
+    query.platform = platformOption(a);
     const QString origin = a.value(QStringLiteral("origin"));
     if (origin == QLatin1String("live"))
         query.origin = MessageStore::Query::Origin::Live;
@@ -128,11 +119,8 @@ void Gnxctl::history(const CliArgs& a)
 
     // Opened first, so that a wrong path fails before the store is read.
     const QString path = a.value(QStringLiteral("output"));
-    const bool toStdout = path.isEmpty() || path == QLatin1String("-");
     Utils::OutputFile file(path);
-    if (!toStdout && !file.open(QIODevice::WriteOnly))
-        throw CliError{EXIT_USAGE,
-                       QStringLiteral("Unable to open output file %1: %2").arg(path, file.errorString())};
+    const bool toStdout = openOutput(file, path);
     const QString db = a.value(QStringLiteral("db"));
     const auto store =
         openStore(db.isEmpty() ? MessageStore::defaultUrl() : db, MessageStore::Access::ReadOnly);
