@@ -1,6 +1,7 @@
 // gnxctl end to end: the program run as a user runs it, against the emulator over a
 // pseudo-terminal. Outputs are parsed back, never compared as loose text. Also the messages' JSON
 // lines read back, which "gnxctl bearings" takes.
+#include "GnxctlFixture.h"
 #include "common/SampleMessages.h"
 #include "geo/BearingExport.h"
 #include "sim/Firmware.h"
@@ -23,46 +24,8 @@
 #include <functional>
 #include <memory>
 
-#include <sys/stat.h>
 
 namespace {
-
-struct Run
-{
-    int code = -1;
-    QByteArray out, err;
-};
-
-QJsonObject jsonObject(const QByteArray& text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
-
-QList<QJsonObject> jsonLines(const QByteArray& text)
-{
-    QList<QJsonObject> objects;
-    for (const QByteArray& line : text.split('\n'))
-        if (!line.isEmpty())
-            objects << jsonObject(line);
-    return objects;
-}
-
-int lineCount(const QByteArray& text)
-{
-    return int(text.count('\n'));
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly) && f.write(data) == data.size();
-}
 
 // The drive of tst_bearingswindow: 20-bit numbers beside a 28-bit one.
 const char* const kMixedDrive =
@@ -106,81 +69,11 @@ QStringList expectedHistory(const QByteArray& jsonl, const std::function<bool(co
 
 } // namespace
 
-class TestGnxctl : public QObject
+class TestGnxctl : public QObject, public GnxctlFixture
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir dir_;
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::shared_ptr<const gnxsim::Scenario> scenario_; // the drive the emulator makes, if any
-    QStringList slots_;                                // the favourites before the command
-
-    QString port() const { return dir_.filePath("gnx"); }
-
-    QStringList slotsNow() const
-    {
-        QStringList s;
-        for (int i = 0; i < 8; ++i)
-            s << sim_->platformSlot(i).join(',');
-        return s;
-    }
-
-    bool startSim(const QString& model, int liveMs = 0, bool bootloader = false, int records = 40,
-                  int baud = 0, std::shared_ptr<const gnxsim::Scenario> scenario = {})
-    {
-        gnxsim::Options o;
-        o.model = model == "gnx134" ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-        o.mode = bootloader ? gnxsim::Mode::Bl : gnxsim::Mode::App;
-        o.platforms = 4;
-        o.flashRecords = records;
-        o.liveIntervalMs = liveMs;
-        o.linkPath = port();
-        o.seed = 7;
-        o.baud = baud;
-        o.scenario = scenario;
-        sim_ = std::make_unique<gnxsim::PtySimulator>(o);
-        return sim_->start();
-    }
-
-    // Runs gnxctl (or program); watch sees each chunk of standard error (or none) and all the output
-    // so far; standard input is the file input, when named.
-    Run run(const QStringList& args, const QString& extraPorts = {}, const QString& program = GNXCTL_PATH,
-            const std::function<void(const QByteArray&, const QByteArray&)>& watch = {},
-            const QString& input = {})
-    {
-        QProcess p;
-        if (!input.isEmpty())
-            p.setStandardInputFile(input);
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("GNX_EXTRA_PORTS", extraPorts);
-        p.setProcessEnvironment(env);
-        Run r;
-        connect(&p, &QProcess::readyReadStandardError, &p, [&] {
-            const QByteArray chunk = p.readAllStandardError();
-            r.err += chunk;
-            if (watch)
-                watch(chunk, r.out);
-        });
-        connect(&p, &QProcess::readyReadStandardOutput, &p, [&] {
-            r.out += p.readAllStandardOutput();
-            if (watch)
-                watch({}, r.out);
-        });
-        p.start(program, args);
-        if (!p.waitForFinished(60000))
-            p.kill();
-        r.out += p.readAllStandardOutput();
-        r.err += p.readAllStandardError();
-        r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-        return r;
-    }
-
-    QStringList withPort(const QString& args) const
-    {
-        return QStringList{"--port", port()} + args.split(' ', Qt::SkipEmptyParts);
-    }
-
     // What "gnxctl bearings" printed from the messages in jsonl, checked against the drive.
     bool verifyBearings(const QString& what, const Run& r, const QString& jsonl) const
     {
@@ -598,137 +491,6 @@ private slots:
                           {}, standardInput);
         QVERIFY2(r.code == code && verify(check == "%f" ? file : check, how[0], r, file),
                  qPrintable(QString("exit %1:\n%2\n%3").arg(r.code).arg(QString(r.out), QString(r.err))));
-    }
-
-    void outputs_data()
-    {
-        QTest::addColumn<QString>("command"); // %o: the target
-        QTest::addColumn<QString>("kind");
-        QTest::newRow("flash read onto a FIFO")
-            << QString("flash read --format npr -o %o") << QString("fifo");
-        QTest::newRow("flash read onto -") << QString("flash read --format npr -o %o") << QString("dash");
-        QTest::newRow("platforms export onto a link") << QString("platforms export %o") << QString("link");
-        QTest::newRow("script save onto a 0600 file") << QString("script save %o") << QString("private");
-        QTest::newRow("history onto a FIFO") << QString("history --db %d -o %o") << QString("fifo");
-    }
-
-    // What is not a regular file is written in place, never replaced; a link stays a link; a
-    // regular file keeps its mode.
-    void outputs()
-    {
-        QFETCH(QString, command);
-        QFETCH(QString, kind);
-        QVERIFY(startSim("gnx234"));
-        const QString target = dir_.filePath("target"), real = dir_.filePath("real");
-        QFile::remove(target);
-        QFile::remove(real);
-        QProcess reader;
-        if (kind == "fifo") {
-            QCOMPARE(::mkfifo(QFile::encodeName(target).constData(), 0644), 0);
-            reader.start("cat", {target});
-            QVERIFY(reader.waitForStarted());
-        } else if (kind == "link") {
-            QVERIFY(writeFile(real, "old") && QFile::link(real, target));
-        } else if (kind == "private") {
-            QVERIFY(writeFile(target, "old") &&
-                    QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner));
-        }
-        if (command.contains("%d")) // a store to read from, filled by a flash read
-            QCOMPARE(run(withPort("flash read -o /dev/null --db " + dir_.filePath("outputs.db"))).code, 0);
-        const Run r = run(withPort(
-            command.replace("%o", kind == "dash" ? "-" : target).replace("%d", dir_.filePath("outputs.db"))));
-        QVERIFY2(r.code == 0, r.err);
-        struct stat st = {};
-        QCOMPARE(kind == "dash" ? 0 : ::lstat(QFile::encodeName(target).constData(), &st), 0);
-        if (kind == "fifo")
-            QVERIFY(S_ISFIFO(st.st_mode) && reader.waitForFinished(30000));
-        else if (kind != "dash")
-            QVERIFY2(kind == "link" ? S_ISLNK(st.st_mode) : (st.st_mode & 0777) == 0600, qPrintable(kind));
-        const QByteArray written = kind == "fifo"   ? reader.readAllStandardOutput()
-                                   : kind == "dash" ? r.out
-                                                    : readFile(kind == "link" ? real : target);
-        QVERIFY2(written.size() > 100 && !written.startsWith("old"), written);
-        if (command.startsWith("flash"))
-            QCOMPARE(lineCount(written), sim_->flashRecordCount());
-    }
-
-    // A receiver that talks while nobody listens (its answers paced as on the wire, the pty
-    // full): each run still connects at once.
-    void talkingReceiver()
-    {
-        QVERIFY(startSim("gnx234", 10, false, 0, 115200));
-        for (int i = 0; i < 16; ++i)
-            QVERIFY2(run(withPort(i % 2 ? "platforms export" : "info")).code == 0,
-                     qPrintable(QString::number(i)));
-    }
-
-    // Without --port: the only receiver found, or a list when there are several.
-    void discovery()
-    {
-        QVERIFY(startSim("gnx234"));
-        QCOMPARE(run({"info"}, port()).code, 0);
-        QCOMPARE(run({"ports"}, port()).out, (port() + "\t-\tGNX_EXTRA_PORTS\n").toLatin1());
-        // Arguments, GNX_EXTRA_PORTS, and what standard error says.
-        const QList<std::tuple<QStringList, QString, QStringList>> failures{
-            {{"info"}, port() + ":" + dir_.path(), {port(), "several receivers"}},
-            {{"--port", dir_.filePath("absent"), "info"}, {}, {}},
-            {{"--port", GNXCTL_PATH, "info"}, {}, {"is not a serial port (a regular file)"}},
-            {{"info"}, {}, {"no receiver found", "GNX_EXTRA_PORTS"}},
-        };
-        for (const auto& [args, extraPorts, said] : failures) {
-            const Run r = run(args, extraPorts);
-            QCOMPARE(r.code, 3);
-            for (const QString& text : said)
-                QVERIFY2(r.err.contains(text.toLatin1()), r.err);
-        }
-    }
-
-    void interrupted_data()
-    {
-        QTest::addColumn<QString>("command");
-        QTest::newRow("unplugged in flash read") << QString("flash read --format jsonl");
-        QTest::newRow("unplugged in monitor") << QString("monitor --format jsonl");
-        QTest::newRow("broken pipe in monitor") << QString("monitor --format npr");
-        QTest::newRow("broken pipe in flash read") << QString("flash read --format csv");
-    }
-
-    // The receiver pulled out part-way: exit code 1, what was already taken written out. A reader
-    // that stops early, as `monitor | head` does: a quiet end with code 0.
-    void interrupted()
-    {
-        QFETCH(QString, command);
-        const bool monitor = command.startsWith("monitor");
-        const bool unplug = QByteArray(QTest::currentDataTag()).startsWith("unplugged");
-        QVERIFY(startSim("gnx234", monitor ? 20 : 0, false, monitor && unplug ? 0 : 2000));
-        if (!unplug) {
-            const Run shell = run({"-c", "set -o pipefail; \"$0\" --port \"$1\" " + command + " | head -n 2",
-                                   GNXCTL_PATH, port()},
-                                  {}, "bash");
-            QCOMPARE(lineCount(shell.out), 2);
-            QVERIFY2(!shell.err.contains("gnxctl:"), shell.err); // progress lines only
-            QCOMPARE(shell.code, 0);
-            return;
-        }
-        const Run r =
-            run(withPort(command), {}, GNXCTL_PATH, [&](const QByteArray& chunk, const QByteArray& out) {
-                if (sim_->isPlugged() &&
-                    (monitor ? lineCount(out) >= 2
-                             : chunk.contains("Flash read: ") && !chunk.contains(": 0 of")))
-                    sim_->unplug();
-            });
-        QCOMPARE(r.code, 1);
-        const auto objects = jsonLines(r.out);
-        QVERIFY2(objects.size() >= (monitor ? 2 : 1), r.err);
-        QVERIFY(!objects.last()["time"].toString().isEmpty()); // whole lines only
-    }
-
-    // The command line links the core alone: no Gui, no Widgets.
-    void noGuiLibraries()
-    {
-        const QByteArray libraries = run({GNXCTL_PATH}, {}, "ldd").out;
-        QVERIFY2(libraries.contains("libQt6Core") && !libraries.contains("libQt6Gui") &&
-                     !libraries.contains("libQt6Widgets"),
-                 libraries);
     }
 };
 
