@@ -1,6 +1,7 @@
 // MqttClient against a real mosquitto: each broker fault named within 5 s, final or not, once,
 // without the secret; a broker back after an outage is used again within 5 s.
 #include "common/Broker.h"
+#include "common/BrokerFaults.h"
 #include "mrl/utils/Exception.h"
 #include "stream/MqttClient.h"
 
@@ -37,29 +38,7 @@ private slots:
 
     void connects_data()
     {
-        QTest::addColumn<QString>("url"); // {plain} and {tls} are the broker's ports
-        QTest::addColumn<bool>("final");
-        QTest::addColumn<QString>("ca"); // a CA, or "insecure"
-        QTest::addColumn<QString>("password");
-        QTest::addColumn<QString>("reason"); // none: connects and publishes
-        const QString tls = "mqtts://127.0.0.1:{tls}/t", no;
-        const QString untrusted = "TLS certificate not trusted: unable to get local issuer certificate";
-        QTest::newRow("TLS, its CA") << tls << false << "ca" << kSecret << no;
-        QTest::newRow("TLS, insecure") << tls << false << "insecure" << kSecret << no;
-        QTest::newRow("broker down") << QString("mqtt://127.0.0.1:%1/t").arg(TestSupport::freePort()) << false
-                                     << no << kSecret << "connection refused";
-        QTest::newRow("host not found")
-            << "mqtt://broker.invalid/t" << false << no << kSecret << "host not found: broker.invalid";
-        QTest::newRow("no CA") << tls << true << no << kSecret << untrusted;
-        QTest::newRow("wrong CA") << tls << true << "other-ca" << kSecret << untrusted;
-        QTest::newRow("name mismatch") << "mqtts://localhost:{tls}/t" << true << "ca" << kSecret
-                                       << "host name mismatch: the broker's certificate is not for localhost";
-        QTest::newRow("plain to TLS port") << "mqtt://127.0.0.1:{tls}/t" << false << no << kSecret
-                                           << "protocol mismatch: the port speaks TLS";
-        QTest::newRow("TLS to plain port") << "mqtts://127.0.0.1:{plain}/t" << false << "ca" << kSecret
-                                           << "protocol mismatch: the port does not speak TLS";
-        QTest::newRow("bad password")
-            << "mqtt://127.0.0.1:{plain}/t" << true << no << kWrong << "not authorised";
+        TestSupport::brokerFaultRows(kSecret, kWrong, "protocol mismatch: the port speaks TLS");
     }
 
     // A fault is said once, without the secret; three final ones in a row and the client gives up.

@@ -1,6 +1,7 @@
 // MqttSubscriber against a real mosquitto: a message is acknowledged only when told, so one left
 // unacknowledged comes back in the next session; faults named as the station names them.
 #include "common/Broker.h"
+#include "common/BrokerFaults.h"
 #include "common/FreePort.h"
 #include "stream/MqttSubscriber.h"
 
@@ -129,30 +130,9 @@ private slots:
 
     void faults_data()
     {
-        QTest::addColumn<QString>("url"); // {plain} and {tls} are the broker's ports
-        QTest::addColumn<bool>("final");
-        QTest::addColumn<QString>("ca"); // a CA, or "insecure"
-        QTest::addColumn<QString>("password");
-        QTest::addColumn<QString>("reason"); // none: connects
-        const QString tls = "mqtts://127.0.0.1:{tls}/t", no;
-        const QString untrusted = "TLS certificate not trusted: unable to get local issuer certificate";
-        QTest::newRow("TLS, its CA") << tls << false << "ca" << kSecret << no;
-        QTest::newRow("TLS, insecure") << tls << false << "insecure" << kSecret << no;
-        QTest::newRow("broker down") << QString("mqtt://127.0.0.1:%1/t").arg(TestSupport::freePort()) << false
-                                     << no << kSecret << "connection refused";
-        QTest::newRow("host not found")
-            << "mqtt://broker.invalid/t" << false << no << kSecret << "host not found: broker.invalid";
-        QTest::newRow("no CA") << tls << true << no << kSecret << untrusted;
-        QTest::newRow("wrong CA") << tls << true << "other-ca" << kSecret << untrusted;
-        QTest::newRow("name mismatch") << "mqtts://localhost:{tls}/t" << true << "ca" << kSecret
-                                       << "host name mismatch: the broker's certificate is not for localhost";
-        QTest::newRow("plain to TLS port") << "mqtt://127.0.0.1:{tls}/t" << false << no << kSecret
-                                           << "the broker closed the connection before answering; if the "
-                                              "port speaks TLS, use an mqtts:// URL";
-        QTest::newRow("TLS to plain port") << "mqtts://127.0.0.1:{plain}/t" << false << "ca" << kSecret
-                                           << "protocol mismatch: the port does not speak TLS";
-        QTest::newRow("bad password") << "mqtt://127.0.0.1:{plain}/t" << true << no << "wrong"
-                                      << "not authorised";
+        TestSupport::brokerFaultRows(
+            kSecret, "wrong",
+            "the broker closed the connection before answering; if the port speaks TLS, use an mqtts:// URL");
     }
 
     // A fault is said once, without the secret; three final ones in a row and it gives up.
