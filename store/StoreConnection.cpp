@@ -80,6 +80,23 @@ bool openSqlite(const QString& connection, const QString& path, bool readOnly, Q
         return false;
     }
     QSqlQuery q(db);
+    // A store kept in WAL mode, read where its -shm file cannot be made (a copy on a read-only
+    // medium, another user's directory) and with no writer at work (no -wal file): SQLite reads
+    // it only as a file that does not change.
+    if (readOnly && !q.exec(QStringLiteral("PRAGMA schema_version")) &&
+        !QFileInfo::exists(path + QStringLiteral("-wal"))) {
+        q = QSqlQuery();
+        db.close();
+        QUrl uri = QUrl::fromLocalFile(file.absoluteFilePath());
+        uri.setQuery(QStringLiteral("immutable=1"));
+        db.setDatabaseName(uri.toString());
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY;QSQLITE_OPEN_URI"));
+        if (!db.open()) {
+            *error = QStringLiteral("%1: cannot open: %2").arg(path, sqlText(db.lastError()));
+            return false;
+        }
+        q = QSqlQuery(db);
+    }
     const QStringList pragmas = readOnly ? QStringList{QStringLiteral("PRAGMA schema_version")}
                                          : QStringList{QStringLiteral("PRAGMA foreign_keys = ON"),
                                                        QStringLiteral("PRAGMA journal_mode = WAL")};

@@ -3,6 +3,7 @@
 #include "StoreFixture.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QMutex>
 #include <QProcess>
 
@@ -160,6 +161,8 @@ void TstStoreOpen::readOnlySqlite()
         QVERIFY(!MessageStore::open(path, &error));
         QCOMPARE(error, path + QStringLiteral(": the file is read-only: the store writes to it"));
         readOnlyReads(path);
+        // The store's file alone, copied where its reader can make nothing beside it.
+        readOnlyReads(QFileInfo(path).dir().filePath(QStringLiteral("copy.sqlite")));
         return;
     }
     QTemporaryDir dir;
@@ -177,6 +180,7 @@ void TstStoreOpen::readOnlySqlite()
         readOnlyReads(path);
         return;
     }
+    QVERIFY(QFile::copy(path, dir.filePath(QStringLiteral("copy.sqlite"))));
     // Root writes to any file: the same test runs again as a user the file is read-only for.
     QVERIFY(QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
                                                   QFile::ReadOther | QFile::ExeOther));
