@@ -1,8 +1,8 @@
 #pragma once
 
 // The broker faults a client must say in the station's words, as rows of a data-driven test:
-// url ({plain} and {tls} are the test broker's ports), final (another try would only repeat it),
-// ca (a CA, "insecure" or none), password, and reason (none: the client connects).
+// url ({plain} and {tls} are the test broker's ports, {down} a TestSupport::RefusingPort), final (another try
+// would only repeat it), ca (a CA, "insecure" or none), password, and reason (none: the client connects).
 #include "common/FreePort.h"
 
 #include <QTest>
@@ -20,7 +20,7 @@ inline void brokerFaultRows(const QString& secret, const QString& wrong, const Q
     const QString untrusted = "TLS certificate not trusted: unable to get local issuer certificate";
     QTest::newRow("TLS, its CA") << tls << false << "ca" << secret << no;
     QTest::newRow("TLS, insecure") << tls << false << "insecure" << secret << no;
-    QTest::newRow("broker down") << QString("mqtt://127.0.0.1:%1/t").arg(freePort()) << false << no << secret
+    QTest::newRow("broker down") << "mqtt://127.0.0.1:{down}/t" << false << no << secret
                                  << "connection refused";
     QTest::newRow("host not found") << "mqtt://broker.invalid/t" << false << no << secret
                                     << "host not found: broker.invalid";

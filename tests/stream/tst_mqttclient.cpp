@@ -52,7 +52,10 @@ private slots:
         Broker broker(kUser, kSecret);
         const int tlsPort = broker.addTlsListener(certs_.file("server"), certs_.key("server"));
         QVERIFY(broker.start());
-        url.replace("{plain}", QString::number(broker.port())).replace("{tls}", QString::number(tlsPort));
+        const TestSupport::RefusingPort down;
+        url.replace("{plain}", QString::number(broker.port()))
+            .replace("{tls}", QString::number(tlsPort))
+            .replace("{down}", QString::number(down.port()));
         MqttClient client(options(url, password, ca));
         QSignalSpy faults(&client, &MqttClient::sigFault);
         QSignalSpy refused(&client, &MqttClient::sigRefused);

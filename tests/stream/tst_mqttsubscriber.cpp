@@ -146,7 +146,10 @@ private slots:
         Broker broker(kUser, kSecret);
         const int tlsPort = broker.addTlsListener(certs_.file("server"), certs_.key("server"));
         QVERIFY(broker.start());
-        url.replace("{plain}", QString::number(broker.port())).replace("{tls}", QString::number(tlsPort));
+        const TestSupport::RefusingPort down;
+        url.replace("{plain}", QString::number(broker.port()))
+            .replace("{tls}", QString::number(tlsPort))
+            .replace("{down}", QString::number(down.port()));
         MqttSubscriber s(options(url, password, ca));
         QSignalSpy faults(&s, &MqttSubscriber::sigFault);
         QSignalSpy refused(&s, &MqttSubscriber::sigRefused);
