@@ -85,6 +85,8 @@ QString linkFlashCopies(const QString& which)
         "(SELECT l.id FROM messages l WHERE l.origin = 'live'"
         " AND l.receiver_id = messages.receiver_id AND l.platform = messages.platform"
         " AND l.direction = messages.direction"
+        // Flash pads a payload with zeros or cuts it short: one begins with the other.
+        " AND substr(l.payload, 1, length(messages.payload)) = substr(messages.payload, 1, length(l.payload))"
         " AND l.mjd BETWEEN messages.mjd - 1 AND messages.mjd + 1"
         " AND ABS((l.mjd - messages.mjd) * 86400 + l.seconds_of_day - messages.seconds_of_day) < 1"
         " ORDER BY l.id LIMIT 1)");

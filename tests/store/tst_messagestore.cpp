@@ -200,12 +200,19 @@ void TstMessageStore::flashCopiesLinked()
     OPEN_NEW(store);
     QString error;
     // Live times have fractions of a second, flash keeps whole seconds.
-    const std::vector<Row> live{message(QStringLiteral("2A1B3"), 100.6, false),
-                                message(QStringLiteral("33BBA"), 500.2, false)};
-    const std::vector<Row> flash{message(QStringLiteral("002A1B3"), 100, true),     // the copy of the first
-                                 message(QStringLiteral("002A1B3"), 102, true),     // two seconds off: none
-                                 message(QStringLiteral("002A1B3"), 101, true, 97), // another direction
-                                 message(QStringLiteral("0033BBB"), 500, true)};    // another platform
+    // The same platform twice in one second, told apart by their payloads; flash pads them.
+    std::vector<Row> live{message(QStringLiteral("2A1B3"), 100.6, false),
+                          message(QStringLiteral("2A1B3"), 100.7, false),
+                          message(QStringLiteral("33BBA"), 500.2, false)};
+    live[0].message.payload = QByteArray::fromHex("9169A28D85");
+    live[1].message.payload = QByteArray::fromHex("ED69A28D85");
+    std::vector<Row> flash{message(QStringLiteral("002A1B3"), 100, true),     // the copy of the second
+                           message(QStringLiteral("002A1B3"), 100, true),     // of the first
+                           message(QStringLiteral("002A1B3"), 102, true),     // two seconds off: none
+                           message(QStringLiteral("002A1B3"), 101, true, 97), // another direction
+                           message(QStringLiteral("0033BBB"), 500, true)};    // another platform
+    flash[0].message.payload = QByteArray::fromHex("ED69A28D85000000");
+    flash[1].message.payload = QByteArray::fromHex("9169A28D85000000");
     const std::vector<Row>& first = flashFirst ? flash : live;
     const std::vector<Row>& second = flashFirst ? live : flash;
     QVERIFY(store->addBatch(QStringLiteral("0099-429"), first, &error) > 0);
@@ -215,17 +222,22 @@ void TstMessageStore::flashCopiesLinked()
         1);
     QVERIFY(store->addBatch(QStringLiteral("0099-429"), second, &error) > 0);
     QVERIFY2(error.isEmpty(), qPrintable(error));
-    QCOMPARE(store->check().linkedFlashMessages, qint64(1));
+    QCOMPARE(store->check().linkedFlashMessages, qint64(2));
     QSqlDatabase db = rawDatabase(engine, store->shownUrl(), QStringLiteral("link"));
     {
         QVERIFY(db.open());
         QSqlQuery q(db);
-        QVERIFY(q.exec(QStringLiteral("SELECT f.seconds_of_day, l.seconds_of_day, l.origin FROM messages f "
-                                      "JOIN messages l ON l.id = f.live_id")));
-        QVERIFY(q.next());
-        QCOMPARE(q.value(0).toDouble(), 100.0);
-        QCOMPARE(q.value(1).toDouble(), 100.6);
-        QCOMPARE(q.value(2).toString(), QStringLiteral("live"));
+        QVERIFY(q.exec(
+            QStringLiteral("SELECT f.seconds_of_day, l.seconds_of_day, l.origin, f.payload FROM messages f "
+                           "JOIN messages l ON l.id = f.live_id ORDER BY l.seconds_of_day")));
+        QStringList links;
+        while (q.next())
+            links << QStringLiteral("%1 %2 %3 %4")
+                         .arg(q.value(0).toDouble())
+                         .arg(q.value(1).toDouble())
+                         .arg(q.value(2).toString(), q.value(3).toString());
+        QCOMPARE(links, (QStringList{QStringLiteral("100 100.6 live 9169A28D85000000"),
+                                     QStringLiteral("100 100.7 live ED69A28D85000000")}));
         db.close();
     }
     db = QSqlDatabase();
