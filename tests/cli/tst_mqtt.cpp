@@ -399,8 +399,9 @@ private slots:
     void fullSpool()
     {
         QVERIFY(startSim("gnx234", 5));
-        startGnxctl({"--mqtt", QString("mqtt://127.0.0.1:%1/test").arg(TestSupport::freePort()),
-                     "--spool-max", "0.02", "--duration", "4"});
+        const TestSupport::RefusingPort down;
+        startGnxctl({"--mqtt", QString("mqtt://127.0.0.1:%1/test").arg(down.port()), "--spool-max", "0.02",
+                     "--duration", "4"});
         QCOMPARE(finish(), 0);
         QVERIFY2(err_.contains("spool full: ") && err_.contains("the oldest go first"), err_);
         QDir dir(spool());
