@@ -7,8 +7,11 @@
 #include "store/MessageStore.h"
 #include "utils/PlatformNumber.h"
 
+#include <QSqlRecord>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <tuple>
 
 using OrviaGonioManager::Store::MessageStore;
 using Row = OrviaGonioManager::Utils::RxTableModel::Row;
@@ -40,37 +43,16 @@ inline Row message(const QString& platformId, double seconds, bool flash, quint1
     return row;
 }
 
-inline void compareRows(const Row& a, const Row& b)
+// Every field the store keeps, to compare a row with what came back.
+inline auto fields(const Row& r)
 {
-    const auto& m = a.message;
-    const auto& n = b.message;
-    QCOMPARE(a.flash, b.flash);
-    QCOMPARE(m.platformIndex, n.platformIndex);
-    QCOMPARE(m.mjd, n.mjd);
-    QCOMPARE(m.secondsOfDay, n.secondsOfDay);
-    QCOMPARE(m.platformId, n.platformId);
-    QCOMPARE(m.frequency, n.frequency);
-    QCOMPARE(m.flagBit2, n.flagBit2);
-    QCOMPARE(m.flagBit1, n.flagBit1);
-    QCOMPARE(m.flagBit0, n.flagBit0);
-    QCOMPARE(m.direction, n.direction);
-    QCOMPARE(m.v1FlashValue, n.v1FlashValue);
-    QCOMPARE(m.band, n.band);
-    QCOMPARE(m.extraCode, n.extraCode);
-    QCOMPARE(m.level, n.level);
-    QCOMPARE(m.period, n.period);
-    QCOMPARE(m.gnxLatitude, n.gnxLatitude);
-    QCOMPARE(m.gnxLongitude, n.gnxLongitude);
-    QCOMPARE(m.gnxDirection, n.gnxDirection);
-    QCOMPARE(m.payload, n.payload);
-    QCOMPARE(a.index, b.index);
-    QCOMPARE(a.withAverage, b.withAverage);
-    QCOMPARE(a.byNumber.platform, b.byNumber.platform);
-    QCOMPARE(a.byNumber.label, b.byNumber.label);
-    QCOMPARE(a.byNumber.favourite, b.byNumber.favourite);
-    QCOMPARE(a.byNumber.payloadPosition, b.byNumber.payloadPosition);
-    QCOMPARE(a.byNumber.payloadLatitude, b.byNumber.payloadLatitude);
-    QCOMPARE(a.byNumber.payloadLongitude, b.byNumber.payloadLongitude);
+    const auto& m = r.message;
+    return std::make_tuple(r.flash, m.platformIndex, m.mjd, m.secondsOfDay, m.platformId, m.frequency,
+                           m.flagBit2, m.flagBit1, m.flagBit0, m.direction, m.v1FlashValue, m.band,
+                           m.extraCode, m.level, m.period, m.gnxLatitude, m.gnxLongitude, m.gnxDirection,
+                           m.payload, r.index, r.withAverage, r.byNumber.platform, r.byNumber.label,
+                           r.byNumber.favourite, r.byNumber.payloadPosition, r.byNumber.payloadLatitude,
+                           r.byNumber.payloadLongitude);
 }
 
 inline QDateTime at(int hour, int minute = 0)
@@ -93,6 +75,36 @@ inline QSqlDatabase rawDatabase(const QString& engine, const QString& url, const
     db.setUserName(u.userName());
     db.setDatabaseName(u.path().mid(1));
     return db;
+}
+
+// The statements run there in turn: the rows of the last, columns joined by spaces. The first that
+// fails stops them and leaves itself and its reason in *error, empty otherwise.
+inline QStringList rawExec(const QString& engine, const QString& url, const QStringList& statements,
+                           QString* error)
+{
+    QStringList rows;
+    error->clear();
+    {
+        QSqlDatabase db = rawDatabase(engine, url, QStringLiteral("raw"));
+        if (!db.open())
+            *error = db.lastError().text();
+        QSqlQuery q(db);
+        for (const QString& s : statements) {
+            if (!error->isEmpty())
+                break;
+            if (!q.exec(s))
+                *error = s + QLatin1Char('\n') + q.lastError().text();
+            rows.clear();
+            while (q.next()) {
+                QStringList columns;
+                for (int i = 0; i < q.record().count(); ++i)
+                    columns << q.value(i).toString();
+                rows << columns.join(QLatin1Char(' '));
+            }
+        }
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("raw"));
+    return rows;
 }
 
 class StoreFixture
@@ -152,14 +164,13 @@ protected:
             message(QStringLiteral("002A1B3"), 81530, true), message(QStringLiteral("2A1B3"), 81530.5, false),
             message(QStringLiteral("33BBA"), 3600, false), message(QStringLiteral("2308281"), 7200, true)};
         QCOMPARE(store.addBatch(QStringLiteral("0099-429"), rows, &error), 4);
-        QCOMPARE(store.addMqttBatch(QStringLiteral("0099-430"), {message(QStringLiteral("33BBA"), 60, false)},
-                                    {QStringLiteral("hill-3")}, {QStringLiteral("1b9556ab7e8e7a44")}, {1},
-                                    &error),
-                 1);
-        QCOMPARE(store.addMqttBatch(QStringLiteral("0099-430"), {message(QStringLiteral("33BBA"), 90, false)},
-                                    {QStringLiteral("hill-3")}, {QStringLiteral("1b9556ab7e8e7a44")}, {4},
-                                    &error),
-                 1);
+        // seq 1 and 4 through MQTT.
+        for (const auto& [seconds, seq] : {std::pair{60, 1}, {90, 4}})
+            QCOMPARE(store.addMqttBatch(QStringLiteral("0099-430"),
+                                        {message(QStringLiteral("33BBA"), seconds, false)},
+                                        {QStringLiteral("hill-3")}, {QStringLiteral("1b9556ab7e8e7a44")},
+                                        {qint64(seq)}, &error),
+                     1);
     }
 
     QTemporaryDir dir_;

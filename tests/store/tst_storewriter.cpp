@@ -1,47 +1,22 @@
 // The store writer on real SQLite files: rows handed over from this thread are committed in
 // batches by the writer's thread, every one of them also when it finishes early; a flash read
 // handed over twice adds nothing; a store that cannot be used or written says so once.
-#include "store/MessageStore.h"
+#include "StoreFixture.h"
 #include "store/StoreWriter.h"
 
 #include <QFile>
 #include <QSignalSpy>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
-#include <QTemporaryDir>
-#include <QtTest>
 
-using OrviaGonioManager::Store::MessageStore;
 using OrviaGonioManager::Store::StoreWriter;
-using Row = OrviaGonioManager::Utils::RxTableModel::Row;
 
 namespace {
-
-Row message(int n, bool flash)
-{
-    Row row;
-    row.flash = flash;
-    auto& m = row.message;
-    m.platformIndex = flash ? -1 : 3;
-    m.mjd = 61367;
-    m.secondsOfDay = 10.0 + n;
-    m.platformId = QStringLiteral("2A1B%1").arg(n % 1000, 3, 10, QLatin1Char('0'));
-    m.frequency = 401650000 + quint32(n);
-    m.direction = quint16(n % 360);
-    m.level = -120;
-    m.gnxLatitude = 43.5;
-    m.gnxLongitude = 1.25;
-    m.payload = QByteArray::number(n).toHex();
-    row.byNumber.platform = m.platformId;
-    return row;
-}
 
 std::vector<Row> messages(int first, int count, bool flash)
 {
     std::vector<Row> rows;
     for (int n = first; n < first + count; ++n)
-        rows.push_back(message(n, flash));
+        rows.push_back(message(QStringLiteral("2A1B%1").arg(n % 1000, 3, 10, QLatin1Char('0')), 10.0 + n,
+                               flash, quint16(n % 360)));
     return rows;
 }
 
@@ -69,25 +44,17 @@ class TestStoreWriter : public QObject
 
     QTemporaryDir dir_;
 
-    QString freshPath(const char* name) const { return dir_.filePath(QString::fromLatin1(name)); }
-
     // A statement on the file beside the writer's connection.
-    static bool rawExec(const QString& path, const QString& statement)
+    static bool alter(const QString& path, const QString& statement)
     {
-        bool ok = false;
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("raw"));
-            db.setDatabaseName(path);
-            QSqlQuery sql(db);
-            ok = db.open() && sql.exec(statement);
-            if (!ok)
-                qWarning("%s: %s", qPrintable(statement), qPrintable(sql.lastError().text()));
-        }
-        QSqlDatabase::removeDatabase(QStringLiteral("raw"));
-        return ok;
+        QString error;
+        rawExec(QStringLiteral("sqlite"), path, {statement}, &error);
+        if (!error.isEmpty())
+            qWarning("%s", qPrintable(error));
+        return error.isEmpty();
     }
 
-    static qint64 count(const QString& path, const QString& where = {})
+    static qint64 count(const QString& path, bool flash)
     {
         QString error;
         const auto store = MessageStore::open(path, &error);
@@ -97,7 +64,7 @@ class TestStoreWriter : public QObject
         }
         qint64 n = 0;
         for (const Row& row : store->query({}))
-            n += where.isEmpty() || (where == QLatin1String("flash")) == row.flash;
+            n += row.flash == flash;
         return n;
     }
 
@@ -122,7 +89,7 @@ private slots:
         QFETCH(int, maxRows);
         QFETCH(int, liveRows);
         QFETCH(bool, finishAtOnce);
-        const QString path = freshPath(QTest::currentDataTag()) + QStringLiteral(".sqlite");
+        const QString path = dir_.filePath(QTest::currentDataTag() + QStringLiteral(".sqlite"));
         constexpr int kFlashRows = 2500;
         {
             StoreWriter writer(path, {delayMs, maxRows});
@@ -146,15 +113,15 @@ private slots:
             QCOMPARE(writer.droppedRows(), 0);
             QCOMPARE(failed.size(), 0);
         }
-        QCOMPARE(count(path, QStringLiteral("live")), qint64(liveRows));
-        QCOMPARE(count(path, QStringLiteral("flash")), qint64(kFlashRows));
+        QCOMPARE(count(path, false), qint64(liveRows));
+        QCOMPARE(count(path, true), qint64(kFlashRows));
     }
 
     // Rows of two receivers handed in turn go to their own receiver; the receiver's model and
     // versions are noted beside.
     void receivers()
     {
-        const QString path = freshPath("receivers.sqlite");
+        const QString path = dir_.filePath("receivers.sqlite");
         {
             StoreWriter writer(path);
             MessageStore::Receiver r;
@@ -177,20 +144,13 @@ private slots:
         QCOMPARE(store->query(q).size(), size_t(4));
         q.receiver = QStringLiteral("0077");
         QCOMPARE(store->query(q).size(), size_t(2));
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("raw"));
-            db.setDatabaseName(path);
-            QVERIFY(db.open());
-            QSqlQuery sql(db);
-            QVERIFY(
-                sql.exec(QStringLiteral("SELECT model, application_version, fpga_version, "
-                                        "bootloader_version FROM receivers WHERE serial_number = '0042'")));
-            QVERIFY(sql.next());
-            QCOMPARE(QStringList({sql.value(0).toString(), sql.value(1).toString(), sql.value(2).toString(),
-                                  sql.value(3).toString()}),
-                     QStringList({"GNX234", "APP 2.1", "FPGA 7", "BL 3"}));
-        }
-        QSqlDatabase::removeDatabase(QStringLiteral("raw"));
+        QCOMPARE(
+            rawExec(QStringLiteral("sqlite"), path,
+                    {QStringLiteral("SELECT model, application_version, fpga_version, bootloader_version "
+                                    "FROM receivers WHERE serial_number = '0042'")},
+                    &error),
+            QStringList{"GNX234 APP 2.1 FPGA 7 BL 3"});
+        QVERIFY2(error.isEmpty(), qPrintable(error));
     }
 
     void unusable_data()
@@ -237,13 +197,13 @@ private slots:
     // again, and a new failure said again.
     void writeFails()
     {
-        const QString path = freshPath("fails.sqlite");
+        const QString path = dir_.filePath("fails.sqlite");
         StoreWriter writer(path, {10, 2000});
         QSignalSpy failed(&writer, &StoreWriter::failed);
         Stored stored(writer);
         writer.add(QStringLiteral("0042"), messages(0, 2, false));
         QTRY_COMPARE_WITH_TIMEOUT(stored.added(), 2, 10000);
-        QVERIFY(rawExec(path, QStringLiteral("ALTER TABLE messages RENAME TO messages_away")));
+        QVERIFY(alter(path, QStringLiteral("ALTER TABLE messages RENAME TO messages_away")));
         writer.add(QStringLiteral("0042"), messages(2, 3, false));
         QVERIFY(failed.wait(10000));
         const QString message = failed.at(0).at(0).toString();
@@ -255,10 +215,10 @@ private slots:
         QCOMPARE(writer.droppedRows(), qint64(4));
         QCOMPARE(failed.size(), 1);
 
-        QVERIFY(rawExec(path, QStringLiteral("ALTER TABLE messages_away RENAME TO messages")));
+        QVERIFY(alter(path, QStringLiteral("ALTER TABLE messages_away RENAME TO messages")));
         writer.add(QStringLiteral("0042"), messages(6, 1, false));
         QTRY_COMPARE_WITH_TIMEOUT(stored.added(), 3, 10000);
-        QVERIFY(rawExec(path, QStringLiteral("ALTER TABLE messages RENAME TO messages_away")));
+        QVERIFY(alter(path, QStringLiteral("ALTER TABLE messages RENAME TO messages_away")));
         writer.add(QStringLiteral("0042"), messages(7, 1, false));
         QTRY_COMPARE_WITH_TIMEOUT(failed.size(), 2, 10000);
         QVERIFY(writer.finish(StoreWriter::kFinishMs));
