@@ -35,11 +35,13 @@ inline QByteArray pngTile(const TileId& id, int variant = 0)
     return png;
 }
 
+const QMap<QString, QString> kMetadata{
+    {"name", "Test tiles"}, {"format", "png"}, {"attribution", "Test data"}};
+
 // An MBTiles file of the tiles given as pngTile(t, variant), committed; null if it could not be made.
 inline std::unique_ptr<OrviaGonioManager::Store::MbTiles>
 mbtilesFile(const QString& path, const QList<TileId>& tiles, int variant = 0,
-            const QMap<QString, QString>& metadata = {
-                {"name", "Test tiles"}, {"format", "png"}, {"attribution", "Test data"}})
+            const QMap<QString, QString>& metadata = kMetadata)
 {
     QString error;
     auto file = OrviaGonioManager::Store::MbTiles::create(path, metadata, &error);

@@ -14,13 +14,12 @@
 using namespace OrviaGonioManager;
 using Geo::TileId;
 using Store::MbTiles;
+using TestSupport::kMetadata;
+using TestSupport::mbtilesFile;
 using TestSupport::pngTile;
 using TestSupport::sql;
 
 namespace {
-
-const QMap<QString, QString> kMetadata{
-    {"name", "Test tiles"}, {"format", "png"}, {"attribution", "Test data"}};
 
 QByteArray contents(const QString& path)
 {
@@ -46,11 +45,6 @@ private slots:
     void basemapScript();
 
 private:
-    std::unique_ptr<MbTiles> made(const QString& name, const QList<TileId>& tiles)
-    {
-        return TestSupport::mbtilesFile(dir_.filePath(name), tiles);
-    }
-
     QTemporaryDir dir_;
 };
 
@@ -71,7 +65,7 @@ void TstMbTiles::tilesBack()
     QFETCH(int, minZoom);
     QFETCH(int, maxZoom);
     const QString path = dir_.filePath(QString("back-%1.mbtiles").arg(QTest::currentDataTag()));
-    QVERIFY(made(QFileInfo(path).fileName(), tiles));
+    QVERIFY(mbtilesFile(path, tiles));
     QCOMPARE(QFileInfo(path).permissions() & QFile::ReadOther, QFile::ReadOther); // not a private temp file
 
     QString error;
@@ -99,35 +93,26 @@ void TstMbTiles::tilesBack()
 // Opened or created, what is not a regular MBTiles file is refused, named, and left as it was.
 void TstMbTiles::refusals_data()
 {
-    QTest::addColumn<bool>("create");
     QTest::addColumn<QString>("kind");
+    QTest::addColumn<bool>("create");
     QTest::addColumn<QString>("reason");
-    QTest::newRow("open missing") << false << "none"
-                                  << "no such file";
-    QTest::newRow("open a folder") << false << "folder"
-                                   << "not a regular file";
-    QTest::newRow("open text") << false << "text"
-                               << "not an SQLite database";
-    QTest::newRow("open, no tiles table") << false << "metadata"
-                                          << "it has no tiles table";
-    QTest::newRow("open, tiles lack columns") << false << "columns"
-                                              << "lacks zoom_level";
-    QTest::newRow("create over a fifo") << true << "fifo"
-                                        << "not a regular file";
-    QTest::newRow("create through a dangling link") << true << "dangling"
-                                                    << "a symbolic link to a missing file";
-    QTest::newRow("create over text") << true << "text"
-                                      << "not an SQLite database";
-    QTest::newRow("create over another SQLite file") << true << "notes"
-                                                     << "not an MBTiles file";
-    QTest::newRow("create in a missing folder") << true << "nofolder"
-                                                << "cannot create";
+    QTest::newRow("open missing") << "none" << false << "no such file";
+    QTest::newRow("open a folder") << "folder" << false << "not a regular file";
+    QTest::newRow("open text") << "text" << false << "not an SQLite database";
+    QTest::newRow("open, no tiles table") << "metadata" << false << "it has no tiles table";
+    QTest::newRow("open, tiles lack columns") << "columns" << false << "lacks zoom_level";
+    QTest::newRow("create over a fifo") << "fifo" << true << "not a regular file";
+    QTest::newRow("create through a dangling link")
+        << "dangling" << true << "a symbolic link to a missing file";
+    QTest::newRow("create over text") << "text" << true << "not an SQLite database";
+    QTest::newRow("create over another SQLite file") << "notes" << true << "not an MBTiles file";
+    QTest::newRow("create in a missing folder") << "nofolder" << true << "cannot create";
 }
 
 void TstMbTiles::refusals()
 {
-    QFETCH(bool, create);
     QFETCH(QString, kind);
+    QFETCH(bool, create);
     QFETCH(QString, reason);
     const QString path = dir_.filePath(kind == "nofolder" ? "missing/out.mbtiles" : kind + ".mbtiles");
     QFile text(path);
@@ -161,7 +146,7 @@ void TstMbTiles::refusals()
 void TstMbTiles::existingFileKeepsItsTiles()
 {
     const QString path = dir_.filePath("again.mbtiles");
-    QVERIFY(made("again.mbtiles", {{1, 0, 0}}));
+    QVERIFY(mbtilesFile(path, {{1, 0, 0}}));
     QString error;
     {
         auto file = MbTiles::create(path, {{"name", "Renamed"}, {"maxzoom", "2"}}, &error);
@@ -183,7 +168,7 @@ void TstMbTiles::existingFileKeepsItsTiles()
 void TstMbTiles::uncommittedBatch()
 {
     const QString path = dir_.filePath("batches.mbtiles");
-    auto writer = made("batches.mbtiles", {{1, 0, 0}, {1, 1, 0}});
+    auto writer = mbtilesFile(path, {{1, 0, 0}, {1, 1, 0}});
     QVERIFY(writer);
     QVERIFY(writer->put({1, 0, 1}, "c"));
     QCOMPARE(writer->uncommitted(), 1);
@@ -202,7 +187,7 @@ void TstMbTiles::uncommittedBatch()
 void TstMbTiles::readOnly()
 {
     const QString path = dir_.filePath("readonly.mbtiles");
-    QVERIFY(made("readonly.mbtiles", {{0, 0, 0}}));
+    QVERIFY(mbtilesFile(path, {{0, 0, 0}}));
     const QByteArray before = contents(path);
     QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
     QString error;
