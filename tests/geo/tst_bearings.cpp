@@ -7,9 +7,7 @@
 #include "geo/Homing.h"
 #include "sim/Scenario.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>

@@ -1,10 +1,9 @@
 // The Bearings window against the emulator driving past platforms, over a pseudo-terminal: the
 // flash memory read into the RX table gives a fix per platform near its true position, each
 // platform keeps its label and payload positions whatever width the flash record gives its
-// identifier, the
-// antenna check finds the emulator's bias, "Apply to setup" fills the angle offset (which writes
-// the software setup, as any change of it does), the window follows the RX table's filter, and a bearing
-// unticked by hand leaves the fix.
+// identifier, the antenna check finds the emulator's bias, "Apply to setup" fills the angle offset
+// (which writes the software setup, as any change of it does), homing steers to a payload position,
+// the window follows the RX table's filter, and a bearing unticked by hand leaves the fix.
 #include "common/WindowFixture.h"
 #include "geo/BearingSet.h"
 #include "sim/PositionFormat.h"
