@@ -1,11 +1,16 @@
 #pragma once
 
 // Shared by the link tests: an application object that survives exceptions thrown from slots
-// (as the real one does), a capture of logged messages, and a settings sandbox.
+// (as the real one does), a capture of logged messages, a settings sandbox, and a link to an
+// emulated receiver.
 
 #include "app/Settings.h"
+#include "com/GnxLink.h"
 #include "mrl/utils/Exception.h"
+#include "sim/PtySimulator.h"
+#include "utils/GpsFormat.h"
 
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QDir>
 #include <QHash>
@@ -14,6 +19,7 @@
 #include <QTest>
 
 #include <functional>
+#include <memory>
 
 namespace TestSupport {
 
@@ -105,6 +111,52 @@ inline QString thrown(const std::function<void()>& fn)
     }
     return QStringLiteral("no exception");
 }
+
+// Replaces the process's one collection of GPS formats by those of a formats file's text.
+inline void loadGpsFormats(QByteArray text)
+{
+    QBuffer buffer(&text);
+    buffer.open(QIODevice::ReadOnly);
+    OrviaGonioManager::Utils::GpsFormat::instance()->readGpsFormats(buffer);
+}
+
+// A receiver emulated on a pseudo-terminal and a link to it, identified unless asked not to, with
+// nothing received yet. The link is closed before the emulator goes.
+class SimLink
+{
+protected:
+    std::unique_ptr<gnxsim::PtySimulator> sim;
+    std::unique_ptr<OrviaGonioManager::Com::GnxLink> link;
+
+    bool startSim(gnxsim::Model model, gnxsim::Mode mode = gnxsim::Mode::App, int platforms = 0,
+                  int flashRecords = 0, bool identify = true)
+    {
+        link.reset();
+        gnxsim::Options options;
+        options.model = model;
+        options.mode = mode;
+        options.platforms = platforms;
+        options.flashRecords = flashRecords;
+        sim = std::make_unique<gnxsim::PtySimulator>(options);
+        if (!sim->start()) {
+            qWarning("%s", qPrintable(sim->errorString()));
+            return false;
+        }
+        link = std::make_unique<OrviaGonioManager::Com::GnxLink>();
+        link->openConnection(sim->slavePath());
+        if (identify)
+            link->readDeviceInfo();
+        sim->clearReceived();
+        return true;
+    }
+    void stopSim()
+    {
+        if (link)
+            link->closeConnection();
+        link.reset();
+        sim.reset();
+    }
+};
 
 } // namespace TestSupport
 

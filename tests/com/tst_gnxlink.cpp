@@ -4,7 +4,6 @@
 #include "TestSupport.h"
 #include "com/GnxFrame.h"
 #include "mrl/utils/DateTime.h"
-#include "sim/PtySimulator.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -18,37 +17,16 @@ using MRL::Utils::DateTime;
 Q_DECLARE_METATYPE(Model)
 Q_DECLARE_METATYPE(Mode)
 
-class TestGnxLink : public QObject
+class TestGnxLink : public QObject, private SimLink
 {
     Q_OBJECT
-
-private:
-    std::unique_ptr<gnxsim::PtySimulator> sim;
-    std::unique_ptr<GnxLink> gnx;
-
-    // A receiver, identified unless asked not to, with nothing received yet.
-    void start(Model model, Mode mode = Mode::App, bool identify = true, int flashRecords = 0)
-    {
-        gnx.reset();
-        gnxsim::Options options;
-        options.model = model;
-        options.mode = mode;
-        options.flashRecords = flashRecords;
-        sim = std::make_unique<gnxsim::PtySimulator>(options);
-        QVERIFY2(sim->start(), qPrintable(sim->errorString()));
-        gnx = std::make_unique<GnxLink>();
-        gnx->openConnection(sim->slavePath());
-        if (identify)
-            gnx->readDeviceInfo();
-        sim->clearReceived();
-    }
 
 private slots:
     void init()
     {
         sandboxSettings();
         CatchingApplication::clearCaught();
-        start(Model::Gnx234);
+        QVERIFY(startSim(Model::Gnx234));
     }
     void cleanup() { QVERIFY(CatchingApplication::caught().isEmpty()); }
 
@@ -70,8 +48,8 @@ private slots:
         QFETCH(Mode, mode);
         QFETCH(GnxLink::GnxVersion_t, version);
         QFETCH(GnxLink::GnxMode_t, deviceMode);
-        start(model, mode, false);
-        const GnxLink::GnxDeviceInfo info = gnx->readDeviceInfo();
+        QVERIFY(startSim(model, mode, 0, 0, false));
+        const GnxLink::GnxDeviceInfo info = link->readDeviceInfo();
         QCOMPARE(info.version, version);
         QCOMPARE(info.mode, deviceMode);
         // A bootloader is asked nothing more, and what it cannot tell is "UNKNOWN".
@@ -98,17 +76,17 @@ private slots:
         QFETCH(QStringList, test);
         QFETCH(QString, error);
         sim->overrideNextReply("TEST", test);
-        QCOMPARE(thrown([&] { gnx->readDeviceInfo(); }), error);
+        QCOMPARE(thrown([&] { link->readDeviceInfo(); }), error);
         QCOMPARE(sim->receivedLines(), QStringList{"TEST"});
     }
 
     void gnx134SerialAndScaling()
     {
-        start(Model::Gnx134, Mode::App, false);
+        QVERIFY(startSim(Model::Gnx134, Mode::App, 0, 0, false));
         sim->overrideNextReply("GSN", {"12-345"});
         sim->overrideNextReply("LIG", {"2", "2700000", "0", "271", "12500", "31", "24", "1", "2", "3", "4",
                                        "5", "1.8.3", "1.02", "2.0"});
-        const GnxLink::GnxDeviceInfo info = gnx->readDeviceInfo();
+        const GnxLink::GnxDeviceInfo info = link->readDeviceInfo();
         QCOMPARE((QStringList{info.serialNumberPart1, info.serialNumberPart2}), (QStringList{"0012", "345"}));
         QCOMPARE(info.latitude, 45.0);
         QCOMPARE(info.voltage, 12.5);
@@ -119,25 +97,25 @@ private slots:
         const QDateTime clock(QDate(2024, 2, 29), QTime(23, 58), Qt::UTC);
         sim->setClock(clock);
         // The clock in it (40587) is no setup: it must not reach the device.
-        gnx->setSetupSoftware({true, true, 77, true, GnxLink::COORDTYPE_DEGSEC,
-                               GnxLink::DISTTYPE_NATUICALMILES, 359, 40587, 0.0, GnxLink::ORVIABAND_B9,
-                               true});
-        const GnxLink::SetupSoftware swBack = gnx->getSetupSoftware();
-        gnx->setSetupHardware({GnxLink::DIRECTIONMODE_MSG_decoding, GnxLink::ANTENNAPOSITION_Low, -25,
-                               GnxLink::ANTENNATYPE_ANX234_Extended, GnxLink::COMPASSMODE_Undefined, "-1.5E",
-                               true});
-        const GnxLink::SetupHardware hwBack = gnx->getSetupHardware();
-        gnx->setTime(62992, 7 * 3600 + 8 * 60 + 30.4); // 2031-05-06 07:08:30.4
-        const GnxLink::SetupSoftware timeBack = gnx->getSetupSoftware();
+        link->setSetupSoftware({true, true, 77, true, GnxLink::COORDTYPE_DEGSEC,
+                                GnxLink::DISTTYPE_NATUICALMILES, 359, 40587, 0.0, GnxLink::ORVIABAND_B9,
+                                true});
+        const GnxLink::SetupSoftware swBack = link->getSetupSoftware();
+        link->setSetupHardware({GnxLink::DIRECTIONMODE_MSG_decoding, GnxLink::ANTENNAPOSITION_Low, -25,
+                                GnxLink::ANTENNATYPE_ANX234_Extended, GnxLink::COMPASSMODE_Undefined, "-1.5E",
+                                true});
+        const GnxLink::SetupHardware hwBack = link->getSetupHardware();
+        link->setTime(62992, 7 * 3600 + 8 * 60 + 30.4); // 2031-05-06 07:08:30.4
+        const GnxLink::SetupSoftware timeBack = link->getSetupSoftware();
         const QStringList sent{"SETUPSW,1,1,77,1,2,2,359,,,,,,8,1", "SETUPSW,,,,,,,,,,,,,,",
                                "SETUPHW,1,1,-25,2,3,-1.5E,1",       "SETUPHW,,,,,,,",
                                "SETUPSW,,,,,,,,31,5,6,7,8,,",       "SETUPSW,,,,,,,,,,,,,,"};
         // Read back and written again while recording, both give the frames they were written with,
         // and nothing more reaches the device.
-        gnx->startRecording();
-        gnx->setSetupSoftware(swBack);
-        gnx->setSetupHardware(hwBack);
-        QCOMPARE(gnx->takeRecordedCommands(),
+        link->startRecording();
+        link->setSetupSoftware(swBack);
+        link->setSetupHardware(hwBack);
+        QCOMPARE(link->takeRecordedCommands(),
                  (QStringList{'$' + GnxFrame::seal(sent[0]), '$' + GnxFrame::seal(sent[2])}));
         QCOMPARE(sim->receivedLines(), sent);
         // A setup write leaves the clock alone; setTime sets it, to the minute.
@@ -148,7 +126,7 @@ private slots:
 
     void requestEngine()
     {
-        QCOMPARE(thrown([&] { gnx->deletePlatformFlashMemory(999); }),
+        QCOMPARE(thrown([&] { link->deletePlatformFlashMemory(999); }),
                  "Error in reply: Unrelated message: \"$" + GnxFrame::seal("ACK,0") + '"');
         // A request made while one waits is refused; the waiting one completes.
         gnxsim::Faults slow;
@@ -156,10 +134,10 @@ private slots:
         sim->setFaults(slow);
         QString inner;
         QTimer::singleShot(0, this,
-                           [&] { inner = thrown([&] { gnx->sendBlockingRequest(GnxLink::CMD_GSN); }); });
-        gnx->sendBlockingRequest(GnxLink::CMD_LIG);
+                           [&] { inner = thrown([&] { link->sendBlockingRequest(GnxLink::CMD_GSN); }); });
+        link->sendBlockingRequest(GnxLink::CMD_LIG);
         QCOMPARE(inner, QStringLiteral("sendBlockingRequest recursively called"));
-        QCOMPARE(gnx->replyValues().size(), 16);
+        QCOMPARE(link->replyValues().size(), 16);
         QCOMPARE(sim->receivedLines(), (QStringList{"DFP,999", "LIG"}));
     }
 
@@ -171,26 +149,26 @@ private slots:
         mute.dropReply = 1.0;
         sim->setFaults(mute);
         sim->setLiveInterval(150);
-        QCOMPARE(thrown([&] { gnx->sendBlockingRequest(GnxLink::CMD_GSN); }),
+        QCOMPARE(thrown([&] { link->sendBlockingRequest(GnxLink::CMD_GSN); }),
                  QStringLiteral("Link Error: Request interrupted"));
         sim->setLiveInterval(0);
         // The answer comes late: it is kept as the last reply and completes nothing.
         MessageLog log;
         sim->sendRawLine("GSN,0042,77");
-        QTRY_COMPARE(gnx->replyValues(), (QStringList{"0042", "77"}));
+        QTRY_COMPARE(link->replyValues(), (QStringList{"0042", "77"}));
         QVERIFY(log.warnings().isEmpty());
         // Closing while a request waits ends it at once.
-        QTimer::singleShot(100, this, [&] { gnx->closeConnection(); });
-        QCOMPARE(thrown([&] { gnx->sendBlockingRequest(GnxLink::CMD_GSN); }),
+        QTimer::singleShot(100, this, [&] { link->closeConnection(); });
+        QCOMPARE(thrown([&] { link->sendBlockingRequest(GnxLink::CMD_GSN); }),
                  QStringLiteral("Link Error: Connection closed"));
     }
 
     void manualKnownCommandIsAwaited()
     {
-        gnx->sendManualCommand(QStringLiteral("$GSN*70"));
-        QCOMPARE(gnx->replyValues(), sim->serialNumber().split('-'));
-        gnx->sendManualCommand(QStringLiteral("TEST")); // checksum completed
-        QCOMPARE(gnx->replyValues().size(), 8);
+        link->sendManualCommand(QStringLiteral("$GSN*70"));
+        QCOMPARE(link->replyValues(), sim->serialNumber().split('-'));
+        link->sendManualCommand(QStringLiteral("TEST")); // checksum completed
+        QCOMPARE(link->replyValues().size(), 8);
         QCOMPARE(sim->receivedLines(), (QStringList{"GSN", "TEST"}));
     }
 
@@ -213,9 +191,9 @@ private slots:
         QFETCH(QStringList, warnings);
         // Nothing is awaited: the call returns although the device answers nothing.
         sim->setStalled(true);
-        QSignalSpy passed(gnx.get(), &GnxLink::sigSendManualGnxCmd);
+        QSignalSpy passed(link.get(), &GnxLink::sigSendManualGnxCmd);
         MessageLog log;
-        gnx->sendManualCommand(typed);
+        link->sendManualCommand(typed);
         QCOMPARE(passed, QList<QVariantList>{{line}});
         QCOMPARE(log.warnings(), warnings);
         QTRY_COMPARE(sim->receivedLines(),
@@ -224,12 +202,12 @@ private slots:
 
     void readFlashMemoryInSteps()
     {
-        start(Model::Gnx234, Mode::App, true, 1000);
+        QVERIFY(startSim(Model::Gnx234, Mode::App, 0, 1000));
         const QByteArray records = sim->flashBytes();
         const int steps = int(records.size() + 1 + 16383) / 16384;
         QVERIFY(steps > 1); // several blocks
-        QSignalSpy progress(gnx.get(), &GnxLink::sigFlashProgress);
-        QCOMPARE(gnx->readFlashMemory(), records + QByteArray(steps * 16384 - records.size(), char(0xFF)));
+        QSignalSpy progress(link.get(), &GnxLink::sigFlashProgress);
+        QCOMPARE(link->readFlashMemory(), records + QByteArray(steps * 16384 - records.size(), char(0xFF)));
         // Announced first, then after each block; the last one is the whole of what IFP announced.
         const qint64 total = records.size() + 1;
         QCOMPARE(progress.size(), steps + 1);

@@ -1,9 +1,8 @@
 // The platforms file checked before an import: the first bad line is named by its number in the
 // file, its column title and what is wrong with it; good files give their platforms.
+#include "TestSupport.h"
 #include "com/PlatformsCheck.h"
-#include "utils/GpsFormat.h"
 
-#include <QBuffer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -66,9 +65,7 @@ private slots:
             f.encryptionType = GpsFormat::EncryptionType_t(encryption);
             text += GpsFormat::gpsFormatLine(f).toUtf8() + '\n';
         }
-        QBuffer buffer(&text);
-        buffer.open(QIODevice::ReadOnly);
-        GpsFormat::instance()->readGpsFormats(buffer);
+        TestSupport::loadGpsFormats(text);
     }
 
     // Each kind of bad line, after the good line 4, and followed by a bad line never reached.

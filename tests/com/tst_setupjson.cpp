@@ -1,5 +1,6 @@
 // The setups' JSON: each field's round trip, the enumerations' texts against the window's combo
 // boxes, and the exact message for each kind of bad input.
+#include "TestSupport.h"
 #include "com/SetupJson.h"
 #include "common/WindowFixture.h"
 #include "mrl/utils/Exception.h"
@@ -175,12 +176,7 @@ private slots:
         QFETCH(QByteArray, json);
         QFETCH(QString, message);
         Setups x;
-        try {
-            x.apply(QJsonDocument::fromJson(json).object());
-            QFAIL("accepted");
-        } catch (const MRL::Utils::Exception& e) {
-            QCOMPARE(e.message(), message);
-        }
+        QCOMPARE(TestSupport::thrown([&] { x.apply(QJsonDocument::fromJson(json).object()); }), message);
         QCOMPARE(x.json(), Setups().json());
     }
 };

@@ -66,9 +66,8 @@ private slots:
 
     void whatCarriesTheMessage()
     {
-        const MRL::Utils::Exception e(QString::fromUtf8("45°C"), 2);
+        const MRL::Utils::Exception e(QString::fromUtf8("45°C"));
         QCOMPARE(QString::fromUtf8(e.what()), QString::fromUtf8("45°C"));
-        QCOMPARE(e.severity(), 2);
     }
 };
 

@@ -1,19 +1,13 @@
 // GnxLink over a pseudo-terminal against gnxsim: live reports parsed and formatted back, favourite
 // slots written and read back, firmware upload.
 #include "com/GnxFrame.h"
-#include "com/GnxLink.h"
 #include "com/TestSupport.h"
 #include "mrl/utils/DateTime.h"
 #include "sim/Firmware.h"
-#include "sim/PtySimulator.h"
-#include "utils/GpsFormat.h"
 
-#include <QBuffer>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
-
-#include <memory>
 
 using namespace OrviaGonioManager::Com;
 using OrviaGonioManager::Utils::GpsFormat;
@@ -54,34 +48,16 @@ QString receivedLine(const MessageLog& log, const QString& mnemonic)
 GpsFormat_t testFormat(qint32 dataLen = 192)
 {
     GpsFormat_t f;
-    f.name = QStringLiteral("FMT");
-    f.payloadLength = 248;
-    f.latitude = {0, 1, 1, 21, 1, 10000, 0, 1, 0};
-    f.longitude = {22, 1, 23, 22, 1, 10000, -5, 2, 1};
-    f.encryptionType = GpsFormat::ENCRYPTIONTYPE_1;
-    f.polynom = 0x8005;
-    f.crcPos = 200;
-    f.crcLen = 16;
-    f.dataPos = 8;
-    f.dataLen = dataLen;
-    f.indexPos = 45;
-    f.gpsCheck = true;
+    GpsFormat::parseGpsFormatLine(
+        QStringLiteral("FMT,,,,248,0,1,1,21,1,10000,0,1,0,22,1,23,22,1,10000,-5,2,1,1,8005,200,16,8,%1,45,1")
+            .arg(dataLen),
+        f);
     return f;
 }
 
 GnxLink::PlatformInfo platform(int index, const QString& id, GpsFormat_t* format)
 {
-    GnxLink::PlatformInfo p;
-    p.index = index;
-    p.id = id;
-    p.label = QStringLiteral("Float");
-    p.repetitionPeriod = 120;
-    p.band = 5;
-    p.modulation = 1;
-    p.narrowFrequency = 401320000;
-    p.meanDirectionValues = 7;
-    p.gpsFormat = format;
-    return p;
+    return {index, id, QStringLiteral("Float"), 120, 5, 1, 0, 401320000, 7, format};
 }
 
 // The IP line that reads a slot (no action) or empties it (action "0").
@@ -109,28 +85,14 @@ QStringList mnemonics(const QStringList& received)
 
 } // namespace
 
-class TestGnxLinkSim : public QObject
+class TestGnxLinkSim : public QObject, private TestSupport::SimLink
 {
     Q_OBJECT
 
-    std::unique_ptr<gnxsim::PtySimulator> sim;
-    std::unique_ptr<GnxLink> link;
-
-    // Starts a GNX134 (V1) or GNX234 (V2), connects, identifies it and forgets those commands.
+    // A GNX134 (V1) or GNX234 (V2).
     bool start(GnxLink::GnxVersion_t version, gnxsim::Mode mode = gnxsim::Mode::App, int platforms = 0)
     {
-        gnxsim::Options options;
-        options.model = version == V1 ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-        options.mode = mode;
-        options.platforms = platforms;
-        sim = std::make_unique<gnxsim::PtySimulator>(options);
-        if (!sim->start())
-            return false;
-        link = std::make_unique<GnxLink>();
-        link->openConnection(sim->slavePath());
-        link->readDeviceInfo();
-        sim->clearReceived();
-        return true;
+        return startSim(version == V1 ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234, mode, platforms);
     }
 
 private slots:
@@ -138,19 +100,12 @@ private slots:
     {
         TestSupport::sandboxSettings();
         TestSupport::CatchingApplication::clearCaught();
-        // GPS formats are one collection for the whole process: start each case from an empty one.
-        QByteArray empty("0\n");
-        QBuffer buffer(&empty);
-        buffer.open(QIODevice::ReadOnly);
-        GpsFormat::instance()->readGpsFormats(buffer);
+        TestSupport::loadGpsFormats("0\n"); // one collection for the whole process: start each case empty
     }
     void cleanup()
     {
         QCOMPARE(TestSupport::CatchingApplication::caught(), QStringList());
-        if (link)
-            link->closeConnection();
-        link.reset();
-        sim.reset();
+        stopSim();
     }
 
     // Lines as the two generations send them, field by field; the device's lines format back.

@@ -1,23 +1,16 @@
 // The platforms import as one transaction over a pseudo-terminal against gnxsim: the file replaces
 // every favourite, the slots as they were are kept in a backup file first, and a refused write
 // puts every slot back as it was.
-#include "com/GnxLink.h"
 #include "com/PlatformCodec.h"
 #include "com/PlatformsImport.h"
 #include "com/TestSupport.h"
-#include "sim/PtySimulator.h"
-#include "utils/GpsFormat.h"
 #include "utils/JobProgress.h"
 
-#include <QBuffer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <memory>
-
 using namespace OrviaGonioManager::Com;
-using OrviaGonioManager::Utils::GpsFormat;
 using OrviaGonioManager::Utils::JobProgress;
 
 Q_DECLARE_METATYPE(GnxLink::GnxVersion_t)
@@ -42,12 +35,10 @@ const QList<int> kFileLineNumbers{3, 4, 6, 7};
 
 } // namespace
 
-class TestPlatformsImport : public QObject
+class TestPlatformsImport : public QObject, private TestSupport::SimLink
 {
     Q_OBJECT
 
-    std::unique_ptr<gnxsim::PtySimulator> sim_;
-    std::unique_ptr<GnxLink> link_;
     QTemporaryDir dir_;
     const QString file_ = dir_.filePath("platforms.csv");
     const QString backup_ = dir_.filePath("backup.csv");
@@ -55,24 +46,17 @@ class TestPlatformsImport : public QObject
 
     bool start(GnxLink::GnxVersion_t version)
     {
-        gnxsim::Options options;
-        options.model = version == V1 ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234;
-        options.platforms = kSeeded;
-        sim_ = std::make_unique<gnxsim::PtySimulator>(options);
-        if (!sim_->start())
+        if (!startSim(version == V1 ? gnxsim::Model::Gnx134 : gnxsim::Model::Gnx234, gnxsim::Mode::App,
+                      kSeeded))
             return false;
-        link_ = std::make_unique<GnxLink>();
-        link_->openConnection(sim_->slavePath());
-        link_->readDeviceInfo();
-        sim_->clearReceived();
         before_ = slotContents();
         return writeFile(version, fileLines(version));
     }
     QList<QStringList> slotContents() const
     {
         QList<QStringList> out;
-        for (int i = 0; i < link_->maxPlatformsNumber(); ++i)
-            out << sim_->platformSlot(i);
+        for (int i = 0; i < link->maxPlatformsNumber(); ++i)
+            out << sim->platformSlot(i);
         return out;
     }
     // Header, an empty line, two platform lines, a comment, two more.
@@ -90,23 +74,14 @@ private slots:
     {
         TestSupport::sandboxSettings();
         TestSupport::CatchingApplication::clearCaught();
-        OrviaGonioManager::Utils::GpsFormat_t f;
-        f.name = "FMT";
-        f.latitude = {0, 1, 1, 21, 1, 10000, 0, 1, 0};
-        f.dataLen = 192;
-        QByteArray text = "1\n" + GpsFormat::gpsFormatLine(f).toUtf8() + '\n';
-        QBuffer buffer(&text);
-        buffer.open(QIODevice::ReadOnly);
-        GpsFormat::instance()->readGpsFormats(buffer);
+        TestSupport::loadGpsFormats("1\nFMT,,,,0,0,1,1,21,1,10000,0,1,0," + QByteArray("0,").repeated(14) +
+                                    "192,0,0\n");
         QFile::remove(backup_);
     }
     void cleanup()
     {
         QCOMPARE(TestSupport::CatchingApplication::caught(), QStringList());
-        if (link_)
-            link_->closeConnection();
-        link_.reset();
-        sim_.reset();
+        stopSim();
     }
 
     // The file replaces every slot; a second import of it changes nothing; the backup holds the
@@ -123,20 +98,20 @@ private slots:
         QVERIFY(start(version));
         JobProgress job;
         QSignalSpy progress(&job, &JobProgress::sigProgress);
-        QCOMPARE(PlatformsImport(*link_, &job).run(file_, backup_).size(),
+        QCOMPARE(PlatformsImport(*link, &job).run(file_, backup_).size(),
                  kSeeded); // four written, two freed
         QCOMPARE(progress.last(), (QList<QVariant>{qint64(kSeeded), qint64(kSeeded)}));
-        for (int i = 0; i < link_->maxPlatformsNumber(); ++i) {
-            const GnxLink::PlatformInfo p = link_->getPlatformInfo(i);
+        for (int i = 0; i < link->maxPlatformsNumber(); ++i) {
+            const GnxLink::PlatformInfo p = link->getPlatformInfo(i);
             const QString format = p.gpsFormat ? p.gpsFormat->name : QString();
             QCOMPARE(p.id.isEmpty() ? QString() : PlatformCodec::csvFields(p, format, version).join(','),
                      fileLines(version).value(i));
         }
-        QCOMPARE(PlatformsImport(*link_).dryRun(file_).size(), 0);
+        QCOMPARE(PlatformsImport(*link).dryRun(file_).size(), 0);
         QFile backup(backup_);
         QVERIFY(backup.open(QIODevice::ReadOnly));
         QCOMPARE(backup.readLine(), PlatformsFile::header(version).toUtf8() + '\n');
-        PlatformsImport(*link_).run(backup_, dir_.filePath("second-backup.csv"));
+        PlatformsImport(*link).run(backup_, dir_.filePath("second-backup.csv"));
         QCOMPARE(slotContents(), before_);
     }
 
@@ -178,11 +153,11 @@ private slots:
         JobProgress job;
         int reads = 0; // seen by the job's checkpoint while the import runs
         if (fault == "refuse") {
-            sim_->setRefusedSlot(slot);
+            sim->setRefusedSlot(slot);
         } else if (fault == "unplug") {
             connect(&job, &JobProgress::sigProgress, this, [&](qint64 done) {
                 if (job.title() == "Platform import" && done == 1)
-                    sim_->unplug();
+                    sim->unplug();
             });
         } else {
             // Slot 0 keeps its identifier, so it is one write, which the receiver answers as if done.
@@ -191,12 +166,12 @@ private slots:
             QVERIFY(writeFile(version, lines));
             where = where.arg(before_[0][4]);
             job.setCheckpoint([&] {
-                if (++reads == link_->maxPlatformsNumber())
-                    sim_->overrideNextReply("IP", before_[0]);
+                if (++reads == link->maxPlatformsNumber())
+                    sim->overrideNextReply("IP", before_[0]);
             });
         }
         try {
-            PlatformsImport(*link_, &job).run(file_, backup_);
+            PlatformsImport(*link, &job).run(file_, backup_);
             QFAIL("no error");
         } catch (const PlatformsImport::Error& e) {
             QCOMPARE(e.line(), slot < 4 ? kFileLineNumbers[slot] : 0);
@@ -213,7 +188,7 @@ private slots:
     void nothingWritten()
     {
         QVERIFY(start(V2));
-        const QList<PlatformsImport::Change> changes = PlatformsImport(*link_).dryRun(file_);
+        const QList<PlatformsImport::Change> changes = PlatformsImport(*link).dryRun(file_);
         QCOMPARE(changes.size(), kSeeded);
         for (int i = 0; i < kSeeded; ++i) {
             QCOMPARE(changes[i].slot, i);
@@ -224,9 +199,9 @@ private slots:
         QStringList lines = fileLines(V2);
         lines[2].replace("ORV-GPS-SIGNED", "ORV-GPS-NONE");
         QVERIFY(writeFile(V2, lines));
-        QVERIFY_THROWS_EXCEPTION(PlatformsCheck::Error, PlatformsImport(*link_).run(file_, backup_));
+        QVERIFY_THROWS_EXCEPTION(PlatformsCheck::Error, PlatformsImport(*link).run(file_, backup_));
         QVERIFY(!QFile::exists(backup_));
-        QCOMPARE(sim_->receivedLines().size(), 2 * link_->maxPlatformsNumber()); // the reads of the slots
+        QCOMPARE(sim->receivedLines().size(), 2 * link->maxPlatformsNumber()); // the reads of the slots
     }
 };
 

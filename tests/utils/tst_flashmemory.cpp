@@ -83,27 +83,14 @@ QVariantMap decodeOne(int layout, const Values& v = {})
     const OrviaRxMessage_t m = out.value(0);
 #define M(member) std::pair<QString, QVariant>(#member, m.member)
 #define D(member) std::pair<QString, QVariant>(#member, QString::number(m.member, 'f', 5)) // degrees
-    return {M(platformIndex),
-            M(mjd),
-            M(secondsOfDay),
-            M(platformId),
-            M(frequency),
-            M(flagBit2),
-            M(flagBit1),
-            M(flagBit0),
-            M(direction),
-            M(v1FlashValue),
-            M(band),
-            M(extraCode),
-            M(level),
-            M(period),
-            D(gnxLatitude),
-            D(gnxLongitude),
-            M(gnxDirection),
-            M(payload),
-            {"atLongitudeLimit", FlashDecoder::atLongitudeLimit(m.gnxLongitude)},
-            {"number", PlatformNumber::shortest(m.platformId)},
-            {"positionPayload", PlatformNumber::positionPayload(m)}};
+    QVariantMap members{M(platformIndex), M(mjd),          M(secondsOfDay), M(platformId), M(frequency),
+                        M(flagBit2),      M(flagBit1),     M(flagBit0),     M(direction),  M(v1FlashValue),
+                        M(band),          M(extraCode),    M(level),        M(period),     D(gnxLatitude),
+                        D(gnxLongitude),  M(gnxDirection), M(payload)};
+    members["atLongitudeLimit"] = FlashDecoder::atLongitudeLimit(m.gnxLongitude);
+    members["number"] = PlatformNumber::shortest(m.platformId);
+    members["positionPayload"] = PlatformNumber::positionPayload(m);
+    return members;
 #undef M
 #undef D
 }

@@ -1,8 +1,7 @@
-#include "mrl/utils/Exception.h"
+#include "com/TestSupport.h"
 #include "utils/CoordinateText.h"
 #include "utils/GpsFormat.h"
 
-#include <QBuffer>
 #include <QDir>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -58,10 +57,7 @@ QStringList names()
 
 void load(const QString& text)
 {
-    QBuffer buffer;
-    buffer.setData(text.toUtf8());
-    buffer.open(QIODevice::ReadOnly);
-    GpsFormat::instance()->readGpsFormats(buffer);
+    TestSupport::loadGpsFormats(text.toUtf8());
 }
 
 GpsFormat_t parsed(const QString& line)
@@ -69,16 +65,6 @@ GpsFormat_t parsed(const QString& line)
     GpsFormat_t f;
     GpsFormat::parseGpsFormatLine(line, f);
     return f;
-}
-
-QString exceptionText(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const MRL::Utils::Exception& e) {
-        return e.message();
-    }
-    return QString();
 }
 
 QByteArray fileContents(const QString& path)
@@ -160,7 +146,7 @@ private slots:
         QCOMPARE(gps->gpsFormatsText(), text);
 
         const QString absent = dir.filePath("absent.vtl");
-        QCOMPARE(exceptionText([&] { gps->readGpsFormatsFile(absent); }),
+        QCOMPARE(TestSupport::thrown([&] { gps->readGpsFormatsFile(absent); }),
                  QString("Unable to open GPS formats file %1").arg(absent));
         QCOMPARE(gps->count(), 0);
     }
@@ -182,7 +168,7 @@ private slots:
         std::signal(SIGXFSZ, SIG_IGN); // the failed write returns an error instead
         const struct rlimit small = {4096, saved.rlim_max};
         QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
-        const QString error = exceptionText([&] { GpsFormat::instance()->writeGpsFormatsFile(path); });
+        const QString error = TestSupport::thrown([&] { GpsFormat::instance()->writeGpsFormatsFile(path); });
         setrlimit(RLIMIT_FSIZE, &saved);
         QCOMPARE(error, QString("Unable to write GPS formats file %1").arg(path));
         QCOMPARE(fileContents(path), QByteArray("0\n"));
@@ -221,12 +207,12 @@ private slots:
         QCOMPARE(fields(*gps->getGpsFormat("Fresh")), fields(fresh));
 
         GpsFormat_t edited = *a;
-        QCOMPARE(exceptionText([&] { gps->saveGpsFormat("C", edited); }),
+        QCOMPARE(TestSupport::thrown([&] { gps->saveGpsFormat("C", edited); }),
                  QString("Unable to save GPS format C."));
         QVERIFY(!gps->saveGpsFormat("A", edited)); // nothing changed
         QCOMPARE(names(), QStringList({"A:2", "B:2", "Fresh:1"}));
         edited.name = "B";
-        QCOMPARE(exceptionText([&] { gps->saveGpsFormat("A", edited); }),
+        QCOMPARE(TestSupport::thrown([&] { gps->saveGpsFormat("A", edited); }),
                  QString("Unable to save GPS format B: name already used."));
         QCOMPARE(names(), QStringList({"A:0", "B:2", "Fresh:1"})); // the refused rename already claimed it
         edited.name = "A";

@@ -17,15 +17,6 @@ using OrviaGonioManager::Com::GnxLink;
 using OrviaGonioManager::Com::OrviaRxMessage_t;
 using OrviaGonioManager::Utils::RxTableModel;
 
-namespace {
-
-QJsonObject jsonObject(const QByteArray& text)
-{
-    return QJsonDocument::fromJson(text).object();
-}
-
-} // namespace
-
 class TestRxTableModel : public QObject
 {
     Q_OBJECT
@@ -158,8 +149,8 @@ private slots:
         QFETCH(QByteArray, patch);
         QFETCH(QString, remove);
         QFETCH(QString, error);
-        QJsonObject o = jsonObject(kFlashLine);
-        const QJsonObject fields = jsonObject(patch);
+        QJsonObject o = QJsonDocument::fromJson(kFlashLine).object();
+        const QJsonObject fields = QJsonDocument::fromJson(patch).object();
         for (auto it = fields.begin(); it != fields.end(); ++it)
             o.insert(it.key(), it.value());
         o.remove(remove);
