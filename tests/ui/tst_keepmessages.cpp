@@ -229,10 +229,8 @@ private slots:
         QTest::addColumn<QString>("reason");
         QTest::newRow("missing directory") << "missing/messages.sqlite"
                                            << ": cannot make the store: the directory ";
-        QTest::newRow("not a store") << "notes.txt"
-                                     << ": not a message store: ";
-        QTest::newRow("a directory") << "data"
-                                     << ": not a file";
+        QTest::newRow("not a store") << QString("notes.txt") << QString(": not a message store: ");
+        QTest::newRow("a directory") << QString("data") << QString(": not a file");
     }
 
     // One line in the log and the status bar; the RX table goes on; the action stays usable and,
