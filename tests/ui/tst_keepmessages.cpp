@@ -23,35 +23,17 @@ namespace {
 // Every field the store keeps of a row, as one text.
 QString fields(const Row& row)
 {
+    const auto n = [](double v) { return QString::number(v, 'g', 17); };
     const auto& m = row.message;
-    const auto& n = row.byNumber;
-    return QStringList{row.flash ? "flash" : "live",
-                       QString::number(m.platformIndex),
-                       QString::number(m.mjd),
-                       QString::number(m.secondsOfDay, 'g', 17),
-                       m.platformId,
-                       QString::number(m.frequency),
-                       QString::number(int(m.flagBit2)) + QString::number(int(m.flagBit1)) +
-                           QString::number(int(m.flagBit0)),
-                       QString::number(m.direction),
-                       QString::number(m.v1FlashValue),
-                       QString::number(m.band),
-                       QString::number(m.extraCode),
-                       QString::number(m.level),
-                       QString::number(m.period),
-                       QString::number(m.gnxLatitude, 'g', 17),
-                       QString::number(m.gnxLongitude, 'g', 17),
-                       QString::number(m.gnxDirection),
-                       QString::fromLatin1(m.payload.toHex()),
-                       row.index,
-                       QString::number(int(row.withAverage)),
-                       n.platform,
-                       n.label,
-                       QString::number(int(n.favourite)),
-                       n.payloadPosition ? QString::number(n.payloadLatitude, 'g', 17) + QLatin1Char('/') +
-                                               QString::number(n.payloadLongitude, 'g', 17)
-                                         : QStringLiteral("none")}
-        .join(QLatin1Char('|'));
+    const auto& b = row.byNumber;
+    QStringList all{row.flash ? "flash" : "live"};
+    all << n(m.platformIndex) << n(m.mjd) << n(m.secondsOfDay) << m.platformId << n(m.frequency)
+        << n(m.flagBit2) + n(m.flagBit1) + n(m.flagBit0) << n(m.direction) << n(m.v1FlashValue) << n(m.band)
+        << n(m.extraCode) << n(m.level) << n(m.period) << n(m.gnxLatitude) << n(m.gnxLongitude)
+        << n(m.gnxDirection) << QString::fromLatin1(m.payload.toHex()) << row.index << n(row.withAverage)
+        << b.platform << b.label << n(b.favourite);
+    all << (b.payloadPosition ? n(b.payloadLatitude) + '/' + n(b.payloadLongitude) : QString("none"));
+    return all.join('|');
 }
 
 } // namespace
@@ -84,20 +66,11 @@ private:
         return store->query(query);
     }
 
-    static QStringList storedFields(const QString& path)
+    static QStringList sortedFields(const std::vector<Row>& rows)
     {
         QStringList all;
-        for (const Row& row : stored(path))
+        for (const Row& row : rows)
             all << fields(row);
-        all.sort();
-        return all;
-    }
-
-    QStringList tableFields() const
-    {
-        QStringList all;
-        for (int row = 0; row < rx()->allRowCount(); ++row)
-            all << fields(rx()->rowAt(row));
         all.sort();
         return all;
     }
@@ -109,6 +82,14 @@ private:
             QVERIFY(sim_->emitNpr(-1, i % 2 == 0));
             QTRY_COMPARE_WITH_TIMEOUT(rx()->allRowCount(), before + 1, 10000);
         }
+    }
+
+    // One more live report, waited for until the writer committed it.
+    void keepOneMore()
+    {
+        QSignalSpy commits(window_->storeWriter(), &StoreWriter::stored);
+        emitLive(1);
+        QVERIFY(commits.wait(10000));
     }
 
     void readFlash()
@@ -166,7 +147,10 @@ private slots:
         emitLive(4);
         readFlash();
         QTRY_COMPARE_WITH_TIMEOUT(int(stored(defaultStore()).size()), rx()->allRowCount(), 10000);
-        QCOMPARE(storedFields(defaultStore()), tableFields());
+        std::vector<Row> table;
+        for (int row = 0; row < rx()->allRowCount(); ++row)
+            table.push_back(rx()->rowAt(row));
+        QCOMPARE(sortedFields(stored(defaultStore())), sortedFields(table));
         MessageStore::Query flash;
         flash.receiver = serial();
         flash.origin = MessageStore::Query::Origin::Flash;
@@ -234,10 +218,7 @@ private slots:
 
         window_->keepAction()->trigger();
         QCOMPARE(userSettings().value("store/keep"), QVariant(true));
-        // The store is looked at once the writer has made it.
-        QSignalSpy commits(window_->storeWriter(), &StoreWriter::stored);
-        emitLive(1);
-        QVERIFY(commits.wait(10000));
+        keepOneMore(); // the store is looked at once the writer has made it
         QCOMPARE(int(stored(path).size()), 1);
         QCOMPARE(fields(stored(path).front()), fields(rx()->rowAt(0)));
     }
@@ -248,10 +229,8 @@ private slots:
         QTest::addColumn<QString>("reason");
         QTest::newRow("missing directory") << "missing/messages.sqlite"
                                            << ": cannot make the store: the directory ";
-        QTest::newRow("not a store") << "notes.txt"
-                                     << ": not a message store: ";
-        QTest::newRow("a directory") << "data"
-                                     << ": not a file";
+        QTest::newRow("not a store") << QString("notes.txt") << QString(": not a message store: ");
+        QTest::newRow("a directory") << QString("data") << QString(": not a file");
     }
 
     // One line in the log and the status bar; the RX table goes on; the action stays usable and,
@@ -283,9 +262,7 @@ private slots:
         userSettings().setValue("store/url", good);
         window_->keepAction()->trigger();
         window_->keepAction()->trigger();
-        QSignalSpy commits(window_->storeWriter(), &StoreWriter::stored);
-        emitLive(1);
-        QVERIFY(commits.wait(10000));
+        keepOneMore();
         QCOMPARE(int(stored(good).size()), 1);
         QCOMPARE(ui()->statusBar->currentMessage(), QString());
     }

@@ -17,7 +17,6 @@ private slots:
         QTest::addColumn<QString>("safe");
         for (const auto& [text, safe] : QList<QPair<QString, QString>>{{"0012-345", "0012-345"},
                                                                        {"/dev/pts/3", "dev_pts_3"},
-                                                                       {"COM3", "COM3"},
                                                                        {"/tmp/my gnx:0", "tmp_my_gnx_0"},
                                                                        {"///", "unknown"},
                                                                        {"../x", "x"}})
