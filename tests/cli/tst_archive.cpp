@@ -21,6 +21,7 @@ namespace {
 
 constexpr int kWaitMs = 30000;
 const QByteArray kSerial = "0099-429";
+const QByteArray kRx = "test/" + kSerial + "/rx"; // the topic of its messages
 const QByteArray kBoot = "1b9556ab7e8e7a44";
 
 // A station's rx message, as the stations publish it; each seq a message of its own second.
@@ -273,7 +274,6 @@ private slots:
         const QString db = engine == "postgresql" ? postgres() : sqlite("stored");
         const QString id = "arch-" + engine;
         QVERIFY(makeSession(broker_->port(), id));
-        const QByteArray rx = "test/" + kSerial + "/rx";
         QVERIFY(publish(broker_->port(), "test/" + kSerial + "/status",
                         {R"({"state":"online","model":"GNX234","applicationVersion":"3.4.0",)"
                          R"("fpgaVersion":"5.2","bootloaderVersion":"2.11","serialNumber":"0099-429"})"},
@@ -281,14 +281,14 @@ private slots:
         QByteArrayList lines = rxLines(1, 20);
         lines.insert(5, lines[2]); // seq 3 again, as after a reconnection
         lines << R"({"seq":21,"platformId":"33BBA","mjd":61368,"secondsOfDay":5,"direction":"north"})";
-        QVERIFY(publish(broker_->port(), rx, lines));
+        QVERIFY(publish(broker_->port(), kRx, lines));
 
         startArchive(db, id, {"--count", "22"});
         QCOMPARE(finish(), 0);
         QVERIFY2(err_.contains("rejected the message on test/0099-429/rx: field \"direction\""), err_);
         QVERIFY2(!err_.contains("gap"), err_);
         // All were acknowledged, the rejected one too: the next run gets only what is new.
-        QVERIFY(publish(broker_->port(), rx, rxLines(21, 21)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(21, 21)));
         startArchive(db, id, {"--count", "1"});
         QCOMPARE(finish(), 0);
         QVERIFY2(err_.contains("stopped; 1 messages stored, 0 already kept, 0 rejected"), err_);
@@ -363,7 +363,7 @@ private slots:
         QVERIFY(said("connected to the MQTT broker"));
         Raw lock(db);
         lock.exec("BEGIN EXCLUSIVE");
-        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(1, 10)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(1, 10)));
         QVERIFY2(said("archive: committing"), err_);
         gnxctl_->kill();
         gnxctl_->waitForFinished();
@@ -385,7 +385,7 @@ private slots:
         QVERIFY(said("connected to the MQTT broker"));
         Raw lock(db);
         lock.exec("BEGIN EXCLUSIVE");
-        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(1, 3)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(1, 3)));
         QCOMPARE(finish(), 5);
         QVERIFY2(err_.contains("database is locked") && err_.endsWith("; the messages wait in the broker\n"),
                  err_);
@@ -406,20 +406,19 @@ private slots:
         if (!postgres_)
             QSKIP(qPrintable(postgresMissing_));
         const QString db = postgres();
-        const QByteArray rx = "test/" + kSerial + "/rx";
         startArchive(db, "arch-restarts");
         QVERIFY(said("connected to the MQTT broker"));
-        QVERIFY(publish(broker_->port(), rx, rxLines(1, 100)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(1, 100)));
         broker_->stop();
         QVERIFY(broker_->start());
-        QVERIFY(publish(broker_->port(), rx, rxLines(101, 200)));
-        auto publisher = startPublisher(broker_->port(), rx, rxLines(201, 400));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(101, 200)));
+        auto publisher = startPublisher(broker_->port(), kRx, rxLines(201, 400));
         gnxctl_->kill();
         gnxctl_->waitForFinished();
         QVERIFY(publisher->waitForFinished(kWaitMs) && publisher->exitCode() == 0);
 
         startArchive(db, "arch-restarts");
-        QVERIFY(publish(broker_->port(), rx, rxLines(401, 500)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(401, 500)));
         Raw raw(db);
         QTRY_COMPARE_WITH_TIMEOUT(raw.value("SELECT COUNT(*) FROM messages"), 500, kWaitMs);
         gnxctl_->terminate();
@@ -436,7 +435,7 @@ private slots:
         QByteArrayList lines = rxLines(1, 3) + rxLines(7, 8);
         lines << QJsonDocument(rxObject(1, "00000000000000aa")).toJson(QJsonDocument::Compact);
         QVERIFY(makeSession(broker_->port(), "arch-gap"));
-        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", lines));
+        QVERIFY(publish(broker_->port(), kRx, lines));
         startArchive(db, "arch-gap", {"--count", "6"});
         QCOMPARE(finish(), 0);
         QCOMPARE(err_.count("gap"), 1);
@@ -444,7 +443,7 @@ private slots:
                                "): seq 4 to 6 missing"),
                  err_);
         // The next run carries on where the store left off: 9 never came.
-        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(10, 10)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(10, 10)));
         startArchive(db, "arch-gap", {"--count", "1"});
         QCOMPARE(finish(), 0);
         QVERIFY2(err_.contains("): seq 9 missing"), err_);
@@ -516,7 +515,7 @@ private slots:
             db.replace("DIR", dir_.path()).replace("FREE", QString::number(refusing.port()));
         }
         QVERIFY(makeSession(broker_->port(), "arch-fault"));
-        QVERIFY(publish(broker_->port(), "test/" + kSerial + "/rx", rxLines(1, 1)));
+        QVERIFY(publish(broker_->port(), kRx, rxLines(1, 1)));
 
         start(QStringList{"archive", "--mqtt", mqtt, "--db", db, "--client-id", "arch-fault"} + more);
         QCOMPARE(finish(), code);
