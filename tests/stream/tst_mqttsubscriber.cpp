@@ -39,15 +39,10 @@ private:
     MqttSubscriber::Options options(const QString& url, const QString& password = kSecret,
                                     const QString& ca = {}) const
     {
-        MqttSubscriber::Options o;
-        o.url = MqttUrl::parse(url);
-        o.clientId = "tst-mqttsubscriber";
-        o.user = kUser;
-        o.password = password;
-        o.insecure = ca == "insecure";
-        o.caFile = ca.isEmpty() || o.insecure ? QString() : certs_.file(ca);
-        o.topics = {"t/+/rx"};
-        return o;
+        const bool insecure = ca == "insecure";
+        const QString caFile = ca.isEmpty() || insecure ? QString() : certs_.file(ca);
+        return {
+            MqttUrl::parse(url), "tst-mqttsubscriber", kUser, password, caFile, insecure, {"t/+/rx"}, {}, {}};
     }
 
 private slots:
