@@ -57,6 +57,8 @@ public:
         return l;
     }
 
+    QByteArray& buffer() { return m_buffer; }
+
 private:
     int m_fd = -1;
     QByteArray m_buffer;
