@@ -28,7 +28,7 @@ Bearing BearingSet::fromRow(const Utils::RxTableModel::Row& row, bool relative)
                                                    : row.byNumber.platform;
     b.favourite = row.byNumber.favourite;
     b.label = row.byNumber.label;
-    b.time = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toQDateTime().toMSecsSinceEpoch();
+    b.time = MRL::Utils::DateTime::fromMjd(m.mjd, m.secondsOfDay).toMSecsSinceEpoch();
     b.receiver = {m.gnxLatitude, m.gnxLongitude};
     // A receiver without a fix reports 0, 0.
     b.receiverValid = m.flagBit0 && (m.gnxLatitude != 0.0 || m.gnxLongitude != 0.0);
