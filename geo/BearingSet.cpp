@@ -97,11 +97,14 @@ void BearingSet::rebuild(const std::vector<Utils::RxTableModel::Row>& rows)
 
 void BearingSet::sortAll()
 {
+    // Rows mostly come in time order already; a bearing is costly to move.
     const auto byTime = [](const Bearing& a, const Bearing& b) { return a.time < b.time; };
     for (auto& [id, p] : platforms_)
-        std::stable_sort(p.bearings.begin(), p.bearings.end(), byTime);
-    std::stable_sort(trackPoints_.begin(), trackPoints_.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+        if (!std::is_sorted(p.bearings.begin(), p.bearings.end(), byTime))
+            std::stable_sort(p.bearings.begin(), p.bearings.end(), byTime);
+    const auto pointsByTime = [](const auto& a, const auto& b) { return a.first < b.first; };
+    if (!std::is_sorted(trackPoints_.begin(), trackPoints_.end(), pointsByTime))
+        std::stable_sort(trackPoints_.begin(), trackPoints_.end(), pointsByTime);
     track_.clear();
     for (const auto& [time, point] : trackPoints_)
         if (track_.empty() || track_.back().latitude != point.latitude ||
@@ -139,15 +142,26 @@ Fix BearingSet::fix(const QString& platformId) const
 
 std::map<QString, Fix> BearingSet::fixes() const
 {
-    // Platforms are independent: each core takes the next one.
-    std::vector<const Platform*> todo;
+    return solve(allLines());
+}
+
+BearingSet::AllLines BearingSet::allLines() const
+{
+    AllLines out;
+    out.reserve(platforms_.size());
     for (const auto& [id, p] : platforms_)
-        todo.push_back(&p);
+        out.emplace_back(id, lines(p));
+    return out;
+}
+
+std::map<QString, Fix> BearingSet::solve(const AllLines& todo)
+{
+    // Platforms are independent: each core takes the next one.
     std::vector<Fix> done(todo.size());
     std::atomic<size_t> next{0};
     const auto work = [&] {
         for (size_t i = next++; i < todo.size(); i = next++)
-            done[i] = BearingFix::solve(lines(*todo[i]));
+            done[i] = BearingFix::solve(todo[i].second);
     };
     std::vector<std::thread> threads;
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
@@ -158,7 +172,7 @@ std::map<QString, Fix> BearingSet::fixes() const
         t.join();
     std::map<QString, Fix> out;
     for (size_t i = 0; i < todo.size(); ++i)
-        out.emplace(todo[i]->id, std::move(done[i]));
+        out.emplace(todo[i].first, std::move(done[i]));
     return out;
 }
 

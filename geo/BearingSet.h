@@ -73,6 +73,10 @@ public:
     static std::vector<BearingLine> lines(const Platform& platform);
     Fix fix(const QString& platformId) const;
     std::map<QString, Fix> fixes() const;
+    // Every platform's lines: all a fix needs, small enough to hand to another thread.
+    using AllLines = std::vector<std::pair<QString, std::vector<BearingLine>>>;
+    AllLines allLines() const;
+    static std::map<QString, Fix> solve(const AllLines& lines);
     AntennaCheck antennaCheck(int currentOffset) const;
 
 private:

@@ -300,14 +300,14 @@ void BearingsWindow::refresh()
     recomputeFixes();
 }
 
-// Fixes take a while with many bearings: they are computed on a copy in the worker's thread,
-// and only the latest request's answer is taken.
+// Fixes take a while with many bearings: they are computed from a copy of the lines in the
+// worker's thread, and only the latest request's answer is taken.
 void BearingsWindow::recomputeFixes()
 {
     const quint64 generation = ++generation_;
-    auto snapshot = std::make_shared<const BearingSet>(set_);
-    QMetaObject::invokeMethod(fixWorker_, [this, generation, snapshot] {
-        std::map<QString, Fix> fixes = snapshot->fixes();
+    auto lines = std::make_shared<const BearingSet::AllLines>(set_.allLines());
+    QMetaObject::invokeMethod(fixWorker_, [this, generation, lines] {
+        std::map<QString, Fix> fixes = BearingSet::solve(*lines);
         QMetaObject::invokeMethod(this, [this, generation, fixes = std::move(fixes)]() mutable {
             fixesComputed(generation, std::move(fixes));
         });

@@ -19,6 +19,7 @@
 #include <QTableView>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <utility>
 
 namespace OrviaGonioManager::Ui {
@@ -390,7 +391,10 @@ std::vector<RxTableModel::Row> HistoryWindow::chosenRows() const
 void HistoryWindow::showInBearings()
 {
     bearingsModel_.clear();
-    bearingsModel_.addRows(chosenRows());
+    // Unsorted, the view lists the newest first; the model keeps the oldest first, as the RX table does.
+    std::vector<RxTableModel::Row> rows = chosenRows();
+    std::reverse(rows.begin(), rows.end());
+    bearingsModel_.addRows(std::move(rows));
     if (!bearings_) {
         bearings_ = new BearingsWindow(&bearingsModel_, angleOffset_, distanceUnit_, this);
         bearings_->setObjectName(QStringLiteral("historyBearingsWindow"));
