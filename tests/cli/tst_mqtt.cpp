@@ -359,13 +359,19 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(err_.contains("No space left on device"), kWaitMs);
         QVERIFY(broker_->start());
         sub_->start();
-        QTRY_VERIFY_WITH_TIMEOUT(err_.contains("the spool writes again"), kWaitMs);
+        // Room may come back before the broker does: wait for both.
+        QTRY_VERIFY_WITH_TIMEOUT(err_.contains("the spool writes again") &&
+                                     err_.count("gnxctl: connected to the MQTT broker") == 2,
+                                 kWaitMs);
         QCOMPARE(gnxctl_->state(), QProcess::Running);
         QVERIFY2(stop(true), err_);
         const qint64 lost = objects(sub_->lines(), "/status").last()["lost"].toInteger();
         const QList<qint64> s = seqs(sub_->lines(), "/rx", true);
+        // Every number below the last delivered was delivered or counted lost; the disk may fill
+        // again while the spool drains, so later numbers may be lost too.
         QVERIFY(lost > 0);
-        QCOMPARE(s.size() + lost, s.last()); // every number delivered or counted lost
+        QVERIFY2(s.last() - s.size() <= lost,
+                 qPrintable(QString("%1 missing, %2 lost").arg(s.last() - s.size()).arg(lost)));
     }
 
     // With the broker away and a small spool, the oldest messages go, and that is said aloud.
