@@ -1,6 +1,6 @@
 #pragma once
 
-#include "stream/MqttUrl.h"
+#include "stream/MqttBrokerOptions.h"
 
 #include <QObject>
 
@@ -24,19 +24,7 @@ class MqttClient : public QObject
     Q_OBJECT
 
 public:
-    struct Options
-    {
-        MqttUrl url;
-        QString clientId;
-        QString user; // none when empty
-        QString password;
-        QString caFile; // the system's store when empty
-        bool insecure = false;
-        QByteArray willTopic; // retained, QoS 1
-        QByteArray willPayload;
-        // Final refusals in a row after which the client gives up (sigRefused); 0 = never.
-        int maxRefusals = 3;
-    };
+    using Options = MqttBrokerOptions;
 
     explicit MqttClient(const Options& options, QObject* parent = nullptr);
     ~MqttClient() override;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "stream/MqttUrl.h"
+#include "stream/MqttBrokerOptions.h"
 
 #include <QByteArray>
 #include <QObject>
@@ -21,19 +21,9 @@ class MqttSubscriber : public QObject
     Q_OBJECT
 
 public:
-    struct Options
+    struct Options : MqttBrokerOptions
     {
-        MqttUrl url;
-        QString clientId;
-        QString user; // none when empty
-        QString password;
-        QString caFile; // the system's store when empty
-        bool insecure = false;
-        QStringList topics;   // subscribed at QoS 1
-        QByteArray willTopic; // retained, QoS 1; none when empty
-        QByteArray willPayload;
-        // Final refusals in a row after which the subscriber gives up (sigRefused); 0 = never.
-        int maxRefusals = 3;
+        QStringList topics; // subscribed at QoS 1
     };
 
     explicit MqttSubscriber(const Options& options, QObject* parent = nullptr);

@@ -3,9 +3,14 @@
 // The broker faults a client must say in the station's words, as rows of a data-driven test:
 // url ({plain} and {tls} are the test broker's ports, {down} a TestSupport::RefusingPort), final (another try
 // would only repeat it), ca (a CA, "insecure" or none), password, and reason (none: the client connects).
+#include "common/Broker.h"
 #include "common/FreePort.h"
 
+#include <QSignalSpy>
 #include <QTest>
+
+#include <functional>
+#include <memory>
 
 namespace TestSupport {
 
@@ -32,6 +37,51 @@ inline void brokerFaultRows(const QString& secret, const QString& wrong, const Q
     QTest::newRow("TLS to plain port") << "mqtts://127.0.0.1:{plain}/t" << false << "ca" << secret
                                        << "protocol mismatch: the port does not speak TLS";
     QTest::newRow("bad password") << "mqtt://127.0.0.1:{plain}/t" << true << no << wrong << "not authorised";
+}
+
+// Runs the current row of brokerFaultRows() against a client that make() builds for a URL, a
+// password and a CA: the fault said once, without the secret or the user, a final one making it give
+// up, and no connection. check() then sees the client, connected or given up.
+template <class Client>
+void checkBrokerFault(
+    const std::function<std::unique_ptr<Client>(const QString&, const QString&, const QString&)>& make,
+    const QString& user, const QString& secret, const Certificates& certs, int waitMs,
+    const std::function<void(Client&)>& check = {})
+{
+    QFETCH(QString, url);
+    QFETCH(bool, final);
+    QFETCH(QString, ca);
+    QFETCH(QString, password);
+    QFETCH(QString, reason);
+    Broker broker(user, secret);
+    const int tlsPort = broker.addTlsListener(certs.file("server"), certs.key("server"));
+    QVERIFY(broker.start());
+    const RefusingPort down;
+    url.replace("{plain}", QString::number(broker.port()))
+        .replace("{tls}", QString::number(tlsPort))
+        .replace("{down}", QString::number(down.port()));
+    const std::unique_ptr<Client> client = make(url, password, ca);
+    QSignalSpy faults(client.get(), &Client::sigFault);
+    QSignalSpy refused(client.get(), &Client::sigRefused);
+    QSignalSpy connected(client.get(), &Client::sigConnected);
+    client->start();
+    if (reason.isEmpty()) {
+        QVERIFY(connected.wait(waitMs));
+    } else {
+        QVERIFY(faults.wait(waitMs));
+        const QString said = faults.at(0).at(0).toString();
+        QVERIFY2(said.startsWith(reason) && !said.contains(password) && !said.contains(user),
+                 qPrintable(said));
+        QCOMPARE(faults.at(0).at(1).toBool(), final);
+        if (final) {
+            QVERIFY(!refused.isEmpty() || refused.wait(waitMs));
+            QCOMPARE(faults.size(), 1);
+            QCOMPARE(refused.at(0).at(0).toString(), said);
+        }
+        QCOMPARE(connected.size(), 0);
+    }
+    if (check)
+        check(*client);
 }
 
 } // namespace TestSupport

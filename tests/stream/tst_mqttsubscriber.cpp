@@ -41,8 +41,8 @@ private:
     {
         const bool insecure = ca == "insecure";
         const QString caFile = ca.isEmpty() || insecure ? QString() : certs_.file(ca);
-        return {
-            MqttUrl::parse(url), "tst-mqttsubscriber", kUser, password, caFile, insecure, {"t/+/rx"}, {}, {}};
+        return {{MqttUrl::parse(url), "tst-mqttsubscriber", kUser, password, caFile, insecure, {}, {}, 3},
+                {"t/+/rx"}};
     }
 
 private slots:
@@ -133,38 +133,11 @@ private slots:
     // A fault is said once, without the secret; three final ones in a row and it gives up.
     void faults()
     {
-        QFETCH(QString, url);
-        QFETCH(bool, final);
-        QFETCH(QString, ca);
-        QFETCH(QString, password);
-        QFETCH(QString, reason);
-        Broker broker(kUser, kSecret);
-        const int tlsPort = broker.addTlsListener(certs_.file("server"), certs_.key("server"));
-        QVERIFY(broker.start());
-        const TestSupport::RefusingPort down;
-        url.replace("{plain}", QString::number(broker.port()))
-            .replace("{tls}", QString::number(tlsPort))
-            .replace("{down}", QString::number(down.port()));
-        MqttSubscriber s(options(url, password, ca));
-        QSignalSpy faults(&s, &MqttSubscriber::sigFault);
-        QSignalSpy refused(&s, &MqttSubscriber::sigRefused);
-        QSignalSpy connected(&s, &MqttSubscriber::sigConnected);
-        s.start();
-        if (reason.isEmpty()) {
-            QVERIFY(connected.wait(kWaitMs));
-            return;
-        }
-        QVERIFY(faults.wait(kWaitMs));
-        const QString said = faults.at(0).at(0).toString();
-        QVERIFY2(said.startsWith(reason) && !said.contains(password) && !said.contains(kUser),
-                 qPrintable(said));
-        QCOMPARE(faults.at(0).at(1).toBool(), final);
-        if (final) {
-            QVERIFY(!refused.isEmpty() || refused.wait(kWaitMs));
-            QCOMPARE(faults.size(), 1);
-            QCOMPARE(refused.at(0).at(0).toString(), said);
-        }
-        QCOMPARE(connected.size(), 0);
+        TestSupport::checkBrokerFault<MqttSubscriber>(
+            [this](const QString& url, const QString& password, const QString& ca) {
+                return std::make_unique<MqttSubscriber>(options(url, password, ca));
+            },
+            kUser, kSecret, certs_, kWaitMs);
     }
 };
 
