@@ -209,11 +209,8 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const auto sandbox = enterBenchSandbox();
-    QDir(sandbox->path()).mkdir(QStringLiteral("Data"));
-    QFile formats(sandbox->filePath(QStringLiteral("Data/format.vtl")));
-    if (!formats.open(QIODevice::WriteOnly) || formats.write("0\n") != 2)
+    if (!writeEmptyFormats(*sandbox))
         return 1;
-    formats.close();
     if (!qEnvironmentVariableIsSet("BENCH_KEEP_NO_FLASH"))
         flashHandOver(61428);
     const int seconds = qEnvironmentVariableIntValue("BENCH_KEEP_SECONDS");

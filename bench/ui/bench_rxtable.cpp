@@ -194,12 +194,8 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const auto sandbox = enterBenchSandbox();
-    // An empty GPS formats file: a missing one would stop the connection on its message box.
-    QDir(sandbox->path()).mkdir(QStringLiteral("Data"));
-    QFile formats(sandbox->filePath(QStringLiteral("Data/format.vtl")));
-    if (!formats.open(QIODevice::WriteOnly) || formats.write("0\n") != 2)
+    if (!writeEmptyFormats(*sandbox))
         return 1;
-    formats.close();
     for (const int records : {10000, 61428, 100000, 1000000})
         flashRead(records);
     lineRateFlashRead();
